@@ -1,0 +1,36 @@
+# Installs the library, its headers, the CMake package ThriftUsb (target
+# ThriftUsb::thriftusb) and the pkg-config file thriftusb.pc.
+include(CMakePackageConfigHelpers)
+
+set(THRIFTUSB_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/ThriftUsb")
+
+install(TARGETS thriftusb EXPORT ThriftUsbTargets
+        LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/thriftusb"
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+        FILES_MATCHING PATTERN "*.h")
+install(FILES "${PROJECT_BINARY_DIR}/include/thriftusb/util/ThriftVersion.h"
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/thriftusb/util")
+
+install(EXPORT ThriftUsbTargets NAMESPACE ThriftUsb::
+        DESTINATION "${THRIFTUSB_CMAKE_DIR}")
+configure_package_config_file(cmake/ThriftUsbConfig.cmake.in
+  "${PROJECT_BINARY_DIR}/ThriftUsbConfig.cmake"
+  INSTALL_DESTINATION "${THRIFTUSB_CMAKE_DIR}")
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/ThriftUsbConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/ThriftUsbConfig.cmake"
+              "${PROJECT_BINARY_DIR}/ThriftUsbConfigVersion.cmake"
+        DESTINATION "${THRIFTUSB_CMAKE_DIR}")
+
+# The pkg-config file finds its prefix from its own place, so the installed tree can
+# be moved (cmake --install --prefix, a package's staging directory).
+set(_thriftusb_pc_up "..")
+string(REPLACE "/" ";" _thriftusb_libdir_parts "${CMAKE_INSTALL_LIBDIR}")
+foreach(_part IN LISTS _thriftusb_libdir_parts)
+  string(APPEND _thriftusb_pc_up "/..")
+endforeach()
+set(THRIFTUSB_PC_PREFIX "\${pcfiledir}/${_thriftusb_pc_up}")
+configure_file(cmake/thriftusb.pc.in "${PROJECT_BINARY_DIR}/thriftusb.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/thriftusb.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

@@ -1,0 +1,73 @@
+#ifndef THRIFTUSB_TESTS_SUPPORT_FDIO_H
+#define THRIFTUSB_TESTS_SUPPORT_FDIO_H
+
+#include <chrono>
+#include <set>
+#include <string>
+
+namespace thriftusb {
+namespace test {
+
+/** A descriptor closed on destruction. */
+class UniqueFd {
+public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd() { reset(); }
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+      reset(other.release());
+    }
+    return *this;
+  }
+
+  int get() const { return fd_; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  void reset(int fd = -1);
+
+private:
+  int fd_ = -1;
+};
+
+/**
+ * Opens @p path with @p flags (O_CLOEXEC added).
+ * @throws std::system_error when it cannot be opened
+ */
+UniqueFd openFd(const std::string& path, int flags);
+
+/** Bound of every wait on a peer's descriptor in the tests. */
+constexpr std::chrono::milliseconds kIoLimit{5000};
+
+/**
+ * Writes all of @p bytes to @p fd, waiting with poll() while it is full.
+ * @throws std::runtime_error when it is not done within @p limit.
+ */
+void writeAll(int fd, const std::string& bytes, std::chrono::milliseconds limit = kIoLimit);
+
+/**
+ * Reads exactly @p count bytes from @p fd, waiting with poll().
+ * @throws std::runtime_error on end of data or when not done within @p limit.
+ */
+std::string readExactly(int fd, size_t count, std::chrono::milliseconds limit = kIoLimit);
+
+/** The descriptors this process has open now. */
+std::set<int> openDescriptors();
+
+/** Descriptors in @p after that are not in @p before. */
+std::set<int> newDescriptors(const std::set<int>& before, const std::set<int>& after);
+
+/** The open file status flags of @p fd (fcntl F_GETFL), or -1. */
+int statusFlags(int fd);
+
+/** @p count bytes of a repeatable pseudo-random sequence chosen by @p seed. */
+std::string patternBytes(size_t count, unsigned seed = 1);
+
+} // namespace test
+} // namespace thriftusb
+
+#endif

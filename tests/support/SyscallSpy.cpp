@@ -1,0 +1,180 @@
+#include "SyscallSpy.h"
+
+#include <atomic>
+#include <cerrno>
+#include <stdexcept>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace thriftusb {
+namespace test {
+
+namespace {
+
+std::atomic<SyscallSpy*> activeSpy{nullptr};
+
+template <typename Fn>
+Fn next(const char* name) {
+  return reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, name));
+}
+
+using ReadFn = ssize_t (*)(int, void*, size_t);
+using WriteFn = ssize_t (*)(int, const void*, size_t);
+using FsyncFn = int (*)(int); // also close's signature
+using UsleepFn = int (*)(useconds_t);
+
+// Runs one interposed call: a scripted outcome replaces it, otherwise the real
+// function runs; either way a watched call is recorded.
+template <typename Real>
+long steer(Sys kind, int fd, size_t length, Real real) {
+  SyscallSpy* spy = activeSpy.load();
+  if (spy == nullptr || !spy->watches(fd)) {
+    return real();
+  }
+  SyscallSpy::Outcome outcome{};
+  long result;
+  int error = 0;
+  if (spy->takeOutcome(kind, outcome)) {
+    result = outcome.error != 0 ? -1 : outcome.value;
+    error = outcome.error;
+  } else {
+    result = real();
+    error = result < 0 ? errno : 0;
+  }
+  spy->record({kind, fd, length, result, error});
+  errno = error;
+  return result;
+}
+
+} // namespace
+
+SyscallSpy::SyscallSpy() {
+  SyscallSpy* expected = nullptr;
+  if (!activeSpy.compare_exchange_strong(expected, this)) {
+    throw std::logic_error("only one SyscallSpy may be active at a time");
+  }
+}
+
+SyscallSpy::~SyscallSpy() {
+  activeSpy.store(nullptr);
+}
+
+void SyscallSpy::watch(int fd) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  fds_.insert(fd);
+}
+
+void SyscallSpy::watch(const std::set<int>& fds) {
+  for (int fd : fds) {
+    watch(fd);
+  }
+}
+
+void SyscallSpy::failNext(Sys call, int error, int times) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (int i = 0; i < times; ++i) {
+    script_[call].push_back({-1, error});
+  }
+}
+
+void SyscallSpy::returnNext(Sys call, long value, int times) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (int i = 0; i < times; ++i) {
+    script_[call].push_back({value, 0});
+  }
+}
+
+void SyscallSpy::setInstantSleeps(bool instant) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  instantSleeps_ = instant;
+}
+
+std::vector<SysCall> SyscallSpy::calls() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return calls_;
+}
+
+std::vector<size_t> SyscallSpy::lengths(Sys call) const {
+  std::vector<size_t> out;
+  for (const auto& c : calls()) {
+    if (c.call == call) {
+      out.push_back(c.length);
+    }
+  }
+  return out;
+}
+
+size_t SyscallSpy::count(Sys call) const {
+  return lengths(call).size();
+}
+
+void SyscallSpy::clearCalls() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  calls_.clear();
+}
+
+bool SyscallSpy::watches(int fd) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return fds_.count(fd) != 0;
+}
+
+bool SyscallSpy::takeOutcome(Sys call, Outcome& outcome) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto& queue = script_[call];
+  if (queue.empty()) {
+    return false;
+  }
+  outcome = queue.front();
+  queue.pop_front();
+  return true;
+}
+
+void SyscallSpy::record(const SysCall& call) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  calls_.push_back(call);
+}
+
+bool SyscallSpy::instantSleeps() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return instantSleeps_;
+}
+
+} // namespace test
+} // namespace thriftusb
+
+using thriftusb::test::Sys;
+
+// The interposers: the test program's definitions come before the C library's in
+// symbol lookup, so the library under test calls these.
+extern "C" ssize_t read(int fd, void* buf, size_t n) {
+  static const auto real = thriftusb::test::next<thriftusb::test::ReadFn>("read");
+  return thriftusb::test::steer(Sys::Read, fd, n, [&] { return real(fd, buf, n); });
+}
+
+extern "C" ssize_t write(int fd, const void* buf, size_t n) {
+  static const auto real = thriftusb::test::next<thriftusb::test::WriteFn>("write");
+  return thriftusb::test::steer(Sys::Write, fd, n, [&] { return real(fd, buf, n); });
+}
+
+extern "C" int fsync(int fd) {
+  static const auto real = thriftusb::test::next<thriftusb::test::FsyncFn>("fsync");
+  return static_cast<int>(
+      thriftusb::test::steer(Sys::Fsync, fd, 0, [&] { return static_cast<long>(real(fd)); }));
+}
+
+extern "C" int close(int fd) {
+  static const auto real = thriftusb::test::next<thriftusb::test::FsyncFn>("close");
+  return static_cast<int>(
+      thriftusb::test::steer(Sys::Close, fd, 0, [&] { return static_cast<long>(real(fd)); }));
+}
+
+extern "C" int usleep(useconds_t micros) {
+  static const auto real = thriftusb::test::next<thriftusb::test::UsleepFn>("usleep");
+  thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
+  if (spy == nullptr) {
+    return real(micros);
+  }
+  spy->record({Sys::Usleep, -1, static_cast<size_t>(micros), 0, 0});
+  return spy->instantSleeps() ? 0 : real(micros);
+}
