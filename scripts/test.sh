@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # The whole test suite in one command: installs what is missing (scripts/setup.sh),
 # then builds and runs every test against Thrift 0.13 and Thrift 0.17, and once more
-# under AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure.
+# under AddressSanitizer with UndefinedBehaviorSanitizer, and under ThreadSanitizer. Exits non-zero on any failure.
 #
 #   scripts/test.sh                 all suites
-#   scripts/test.sh thrift-0.17     only the named suites (thrift-0.13, thrift-0.17, asan-ubsan)
+#   scripts/test.sh thrift-0.17     only the named suites (thrift-0.13, thrift-0.17, asan-ubsan, tsan)
 set -uo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -17,6 +17,7 @@ suite_options() {
     thrift-0.13) echo "" ;;
     thrift-0.17) echo "-DTHRIFTUSB_THRIFT_PREFIX=/usr" ;;
     asan-ubsan)  echo "-DTHRIFTUSB_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug" ;;
+    tsan)        echo "-DTHRIFTUSB_SANITIZE=thread -DCMAKE_BUILD_TYPE=RelWithDebInfo" ;;
     *) return 1 ;;
   esac
 }
@@ -30,11 +31,12 @@ run_suite() {
     cmake --build "$dir" -j "$jobs" &&
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
     ctest --test-dir "$dir" --output-on-failure -j "$jobs"
 }
 
 suites=("$@")
-[ "${#suites[@]}" -gt 0 ] || suites=(thrift-0.13 thrift-0.17 asan-ubsan)
+[ "${#suites[@]}" -gt 0 ] || suites=(thrift-0.13 thrift-0.17 asan-ubsan tsan)
 
 failed=()
 for suite in "${suites[@]}"; do

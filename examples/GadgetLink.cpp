@@ -1,0 +1,46 @@
+#include "GadgetLink.h"
+
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/protocol/TProtocolException.h>
+
+#include "demo_constants.h"
+
+namespace thriftusb {
+namespace example {
+
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TProtocolException;
+using apache::thrift::transport::TTransportException;
+using apache::thrift::transport::TUSBSocket;
+
+namespace {
+
+// The transport's first integer argument is stored and never read; 0 says so.
+constexpr int kReserved = 0;
+
+} // namespace
+
+GadgetLink::GadgetLink(const std::string& readPath, const std::string& writePath, int blockSize)
+  : socket(std::make_shared<TUSBSocket>(readPath, writePath, kReserved, blockSize)),
+    protocol(std::make_shared<TBinaryProtocol>(socket)) {}
+
+GadgetLink::GadgetLink(const std::string& readPath, const std::string& writePath)
+  : GadgetLink(readPath, writePath, g_demo_constants.BLOCK_SIZE) {}
+
+TTransportException serveUntilHangUp(
+    apache::thrift::TProcessor& processor,
+    const std::shared_ptr<apache::thrift::protocol::TProtocol>& protocol) {
+  try {
+    for (;;) {
+      if (!processor.process(protocol, protocol, nullptr)) {
+        throw TProtocolException(TProtocolException::INVALID_DATA,
+                                 "a message that is not a call: the stream is lost");
+      }
+    }
+  } catch (const TTransportException& end) {
+    return end;
+  }
+}
+
+} // namespace example
+} // namespace thriftusb

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Runs the example server and client against each other over a pair of FIFOs that
+# stand in for the two device nodes of a USB gadget.
+#
+#   run-demo.sh BINDIR      (BINDIR holds usb_server and usb_client)
+#
+# Exits 0 when the client got every answer right and the server stopped cleanly after
+# the client hung up. Each program runs under a time limit (DEMO_TIMEOUT seconds,
+# default 20), so a hang fails the run instead of stalling it.
+set -euo pipefail
+
+bindir="${1:?usage: run-demo.sh BINDIR (the directory that holds usb_server and usb_client)}"
+limit="${DEMO_TIMEOUT:-20}"
+server="$bindir/usb_server"
+client="$bindir/usb_client"
+for program in "$server" "$client"; do
+  if [ ! -x "$program" ]; then
+    echo "demo: no program $program" >&2
+    exit 2
+  fi
+done
+
+dir="$(mktemp -d "${TMPDIR:-/tmp}/thriftusb-demo.XXXXXX")"
+server_pid=""
+
+cleanup() {
+  exec 3>&- 4>&-
+  if [ -n "$server_pid" ]; then
+    kill "$server_pid" 2>/dev/null || true
+    wait "$server_pid" 2>/dev/null || true
+  fi
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+
+to_device="$dir/host-to-device"
+to_host="$dir/device-to-host"
+mkfifo -m 600 "$to_device" "$to_host"
+
+# This shell holds both FIFOs open for reading and writing, as a gadget driver holds
+# its endpoints: either program may open its nodes first, and a node with nothing in
+# it reads as "no data yet" rather than end of data. The programs do not inherit these
+# descriptors (3>&- 4>&-), so that letting go of them later is what ends the server.
+exec 3<>"$to_device" 4<>"$to_host"
+
+echo "demo: nodes in $dir"
+timeout -k 2 "$limit" "$server" "$to_device" "$to_host" 3>&- 4>&- &
+server_pid=$!
+
+client_status=0
+timeout -k 2 "$limit" "$client" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
+
+# The client has closed its nodes; once this shell lets go too, nothing can write to
+# the server's read node any more, its read sees end of data and it stops.
+exec 3>&- 4>&-
+server_status=0
+wait "$server_pid" || server_status=$?
+server_pid=""
+
+if [ "$client_status" -ne 0 ] || [ "$server_status" -ne 0 ]; then
+  echo "demo: FAILED (client exit $client_status, server exit $server_status)" >&2
+  exit 1
+fi
+echo "demo: passed"

@@ -1,0 +1,241 @@
+#!/usr/bin/env bash
+# Installs a build tree of the library into a fresh prefix, moves the installed tree
+# elsewhere, and proves a consumer can use it from there in both supported ways:
+#   1. a CMake project with find_package(ThriftUsb) and ThriftUsb::thriftusb;
+#   2. a plain compiler command line with `pkg-config --cflags --libs thriftusb`.
+# Both programs are run and must load the installed library and the Thrift runtime
+# the library was built against. The installed tree itself is checked too: the
+# shared library's symlink chain and SONAME, the headers, the CMake package files
+# and the pkg-config file. Moving the tree proves that nothing installed depends on
+# the prefix it was installed into.
+#
+# Called by CTest (tests/install/CMakeLists.txt) with --name=value arguments. Exits 0
+# when every check passes, 1 with a message naming the failed check otherwise.
+set -euo pipefail
+
+me="install.consumer"
+fail() {
+  printf '%s: FAIL: %s\n' "$me" "$*" >&2
+  exit 1
+}
+step() { printf '%s: %s\n' "$me" "$*"; }
+
+build_dir="" source_include_dir="" consumer_dir="" cmake="" generator="" make_program=""
+cxx="" pkg_config="" thrift_pcdir="" libdir="" includedir="" linker_file="" soname_file=""
+real_file="" version_header="" readelf="" sanitize="" werror="OFF"
+for arg in "$@"; do
+  case "$arg" in
+    --build-dir=*) build_dir="${arg#*=}" ;;
+    --source-include-dir=*) source_include_dir="${arg#*=}" ;;
+    --consumer-dir=*) consumer_dir="${arg#*=}" ;;
+    --cmake=*) cmake="${arg#*=}" ;;
+    --generator=*) generator="${arg#*=}" ;;
+    --make-program=*) make_program="${arg#*=}" ;;
+    --cxx=*) cxx="${arg#*=}" ;;
+    --pkg-config=*) pkg_config="${arg#*=}" ;;
+    --thrift-pcdir=*) thrift_pcdir="${arg#*=}" ;;
+    --libdir=*) libdir="${arg#*=}" ;;
+    --includedir=*) includedir="${arg#*=}" ;;
+    --linker-file=*) linker_file="${arg#*=}" ;;
+    --soname-file=*) soname_file="${arg#*=}" ;;
+    --real-file=*) real_file="${arg#*=}" ;;
+    --version-header=*) version_header="${arg#*=}" ;;
+    --readelf=*) readelf="${arg#*=}" ;;
+    --sanitize=*) sanitize="${arg#*=}" ;;
+    --werror=*) werror="${arg#*=}" ;;
+    *) fail "unknown argument '$arg'" ;;
+  esac
+done
+for required in build_dir source_include_dir consumer_dir cmake generator cxx pkg_config \
+                thrift_pcdir libdir includedir linker_file soname_file real_file \
+                version_header readelf; do
+  [ -n "${!required}" ] || fail "missing argument --${required//_/-}"
+done
+
+started=$SECONDS
+
+# Every run-time lookup below must succeed through the run paths alone, and
+# pkg-config must search only where this script says.
+unset LD_LIBRARY_PATH PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR CMAKE_PREFIX_PATH
+
+tmp="$(mktemp -d "${TMPDIR:-/tmp}/thriftusb-install.XXXXXX")"
+cleanup() { rm -rf "$tmp"; }
+trap cleanup EXIT
+
+# run LOG CMD...: runs CMD with its output in LOG; shows LOG when CMD fails.
+run() {
+  local log="$1"
+  shift
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    return 1
+  fi
+}
+
+flags=(-Wall -Wextra)
+[ "$werror" = "ON" ] && flags+=(-Werror)
+# The library of a sanitizer build needs the sanitizer runtime loaded first, so a
+# consumer of it must be built with the same sanitizers.
+san_flags=()
+[ -n "$sanitize" ] && san_flags=("-fsanitize=$sanitize" -fno-omit-frame-pointer)
+
+# --- install, then move ---------------------------------------------------------
+staged="$tmp/staged"
+step "cmake --install $build_dir --prefix $staged"
+run "$tmp/install.log" "$cmake" --install "$build_dir" --prefix "$staged" ||
+  fail "cmake --install of $build_dir failed"
+mkdir "$tmp/moved"
+mv "$staged" "$tmp/moved/prefix"
+prefix="$tmp/moved/prefix"
+lib="$prefix/$libdir"
+step "installed tree moved to $prefix"
+
+# --- the installed tree ---------------------------------------------------------
+if [ ! -f "$lib/$real_file" ] || [ -L "$lib/$real_file" ]; then
+  fail "$lib/$real_file is missing or not a regular file"
+fi
+[ -L "$lib/$soname_file" ] || fail "$lib/$soname_file is missing or not a symlink"
+[ "$(readlink "$lib/$soname_file")" = "$real_file" ] ||
+  fail "$lib/$soname_file points to '$(readlink "$lib/$soname_file")', not $real_file"
+[ -L "$lib/$linker_file" ] || fail "$lib/$linker_file is missing or not a symlink"
+[ "$(readlink "$lib/$linker_file")" = "$soname_file" ] ||
+  fail "$lib/$linker_file points to '$(readlink "$lib/$linker_file")', not $soname_file"
+case "$soname_file" in
+  "$linker_file".[0-9]*) ;;
+  *) fail "SONAME file name '$soname_file' carries no version after $linker_file" ;;
+esac
+soname="$("$readelf" -d "$lib/$real_file" | sed -n 's/.*(SONAME).*\[\(.*\)\]$/\1/p')"
+[ "$soname" = "$soname_file" ] ||
+  fail "SONAME of $real_file is '$soname', expected $soname_file"
+
+# The installed library's own run path must find all it needs (the Thrift runtime,
+# and for the 0.13 tree its libssl beside it).
+ldd "$lib/$real_file" >"$tmp/ldd-lib.txt" 2>&1 || { cat "$tmp/ldd-lib.txt" >&2; fail "ldd $real_file"; }
+if grep -q 'not found' "$tmp/ldd-lib.txt"; then
+  cat "$tmp/ldd-lib.txt" >&2
+  fail "the installed $real_file cannot find a library it needs"
+fi
+
+headers=()
+while IFS= read -r -d '' h; do
+  headers+=("${h#"$source_include_dir"/}")
+done < <(find "$source_include_dir/thriftusb" -name '*.h' -print0)
+[ "${#headers[@]}" -gt 0 ] || fail "no headers found under $source_include_dir/thriftusb"
+for h in "${headers[@]}"; do
+  cmp -s "$source_include_dir/$h" "$prefix/$includedir/$h" ||
+    fail "header $h is missing from $prefix/$includedir or differs from the source"
+done
+generated="thriftusb/util/$(basename "$version_header")"
+cmp -s "$version_header" "$prefix/$includedir/$generated" ||
+  fail "generated header $generated is missing or differs from $version_header"
+headers+=("$generated")
+
+for f in ThriftUsbConfig.cmake ThriftUsbConfigVersion.cmake ThriftUsbTargets.cmake; do
+  [ -f "$lib/cmake/ThriftUsb/$f" ] || fail "$lib/cmake/ThriftUsb/$f is missing"
+done
+[ -f "$lib/pkgconfig/thriftusb.pc" ] || fail "$lib/pkgconfig/thriftusb.pc is missing"
+
+# Nothing installed may refer to the prefix it was installed into, nor (in text
+# files) to the build tree.
+if grep -rlF "$staged" "$prefix" >"$tmp/mentions.txt"; then
+  fail "installed files name the install prefix $staged: $(tr '\n' ' ' <"$tmp/mentions.txt")"
+fi
+if grep -rlIF "$build_dir" "$prefix" >"$tmp/mentions.txt"; then
+  fail "installed files name the build tree $build_dir: $(tr '\n' ' ' <"$tmp/mentions.txt")"
+fi
+
+# --- helpers for both consumers -------------------------------------------------
+missing_node="$tmp/no-such-usb-device"
+# Directory of the Thrift runtime the library was built against.
+thrift_libdir="$(PKG_CONFIG_PATH="$thrift_pcdir" "$pkg_config" --variable=libdir thrift)"
+thrift_libdir="$(realpath "$thrift_libdir")"
+
+# check_program EXE: runs EXE and checks what it loaded.
+check_program() {
+  local exe="$1" out status=0 ldd_out thriftusb_path thrift_path
+  out="$("$exe" "$missing_node" 2>"$tmp/consumer.err")" || status=$?
+  if [ "$status" -ne 0 ]; then
+    cat "$tmp/consumer.err" >&2
+    fail "$exe exited with status $status"
+  fi
+  [ "$out" = "consumer: open() of a missing node threw NOT_OPEN 'Not found usb reading device: $missing_node'" ] ||
+    fail "$exe printed '$out'"
+  ldd_out="$(ldd "$exe")" || fail "ldd $exe failed"
+  if grep -q 'not found' <<<"$ldd_out"; then
+    printf '%s\n' "$ldd_out" >&2
+    fail "$exe cannot find a library it needs"
+  fi
+  thriftusb_path="$(sed -n "s/^[[:space:]]*$soname_file => \\(.*\\) (0x.*/\\1/p" <<<"$ldd_out")"
+  [ -n "$thriftusb_path" ] || fail "$exe does not load $soname_file"
+  [ "$(realpath "$thriftusb_path")" = "$(realpath "$lib/$soname_file")" ] ||
+    fail "$exe loads '$thriftusb_path' for $soname_file, not the installed $lib/$soname_file"
+  thrift_path="$(sed -n 's/^[[:space:]]*libthrift-[^ ]* => \(.*\) (0x.*/\1/p' <<<"$ldd_out")"
+  [ -n "$thrift_path" ] || fail "$exe does not load a libthrift-<version>.so"
+  [ "$(realpath "$(dirname "$thrift_path")")" = "$thrift_libdir" ] ||
+    fail "$exe loads $thrift_path, not the Thrift in $thrift_libdir"
+  step "$(basename "$(dirname "$exe")")/consumer ran: $out"
+}
+
+# --- 1. CMake: find_package(ThriftUsb) ------------------------------------------
+cmake_build="$tmp/cmake-consumer"
+configure=("$cmake" -S "$consumer_dir" -B "$cmake_build" -G "$generator"
+           "-DCMAKE_CXX_COMPILER=$cxx" "-DCMAKE_PREFIX_PATH=$prefix"
+           -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_FIND_USE_SYSTEM_PACKAGE_REGISTRY=OFF
+           "-DCMAKE_CXX_FLAGS=${flags[*]} ${san_flags[*]}")
+[ -n "$make_program" ] && configure+=("-DCMAKE_MAKE_PROGRAM=$make_program")
+[ -n "$sanitize" ] && configure+=("-DCMAKE_EXE_LINKER_FLAGS=${san_flags[*]}")
+step "configuring the CMake consumer with CMAKE_PREFIX_PATH=$prefix"
+run "$tmp/cmake-configure.log" "${configure[@]}" ||
+  fail "configuring the CMake consumer (find_package(ThriftUsb)) failed"
+found_dir="$(sed -n 's/^ThriftUsb_DIR:[A-Z]*=//p' "$cmake_build/CMakeCache.txt")"
+[ "$found_dir" = "$lib/cmake/ThriftUsb" ] ||
+  fail "find_package(ThriftUsb) used '$found_dir', not the installed $lib/cmake/ThriftUsb"
+run "$tmp/cmake-build.log" "$cmake" --build "$cmake_build" ||
+  fail "building the CMake consumer failed"
+check_program "$cmake_build/consumer"
+
+# --- 2. pkg-config: thriftusb.pc --------------------------------------------------
+export PKG_CONFIG_PATH="$lib/pkgconfig:$thrift_pcdir"
+"$pkg_config" --exists --print-errors thriftusb 2>"$tmp/pc.err" || {
+  cat "$tmp/pc.err" >&2
+  fail "pkg-config cannot use thriftusb.pc with PKG_CONFIG_PATH=$PKG_CONFIG_PATH"
+}
+pc_prefix="$("$pkg_config" --variable=prefix thriftusb)"
+[ "$(realpath "$pc_prefix")" = "$(realpath "$prefix")" ] ||
+  fail "thriftusb.pc gives prefix '$pc_prefix', which is not the moved tree $prefix"
+# Thrift's own headers come in as system headers, as CMake's imported target makes
+# them: warnings in them (0.13 uses the deprecated std::iterator) are not the
+# library's, while its own headers are still held to -Werror.
+read -r -a thrift_includes <<<"$("$pkg_config" --cflags-only-I thrift)"
+pc_cflags=()
+for word in $("$pkg_config" --cflags thriftusb); do
+  for inc in "${thrift_includes[@]}"; do
+    [ "$word" = "$inc" ] && word="-isystem${inc#-I}"
+  done
+  pc_cflags+=("$word")
+done
+read -r -a pc_libs <<<"$("$pkg_config" --libs thriftusb)"
+# A program loads the libraries it links from their directories only when its run
+# path names them; the system's own directories, which pkg-config leaves out of
+# --libs, need no entry.
+rpath=()
+for word in "${pc_libs[@]}"; do
+  case "$word" in -L*) rpath+=("-Wl,-rpath,$(realpath -s -m "${word#-L}")") ;; esac
+done
+
+for h in "${headers[@]}"; do
+  printf '#include <%s>\n' "$h" >"$tmp/header.cpp"
+  run "$tmp/header.log" "$cxx" -std=c++17 "${flags[@]}" -fsyntax-only "${pc_cflags[@]}" \
+      "$tmp/header.cpp" || fail "installed header <$h> does not compile on its own"
+done
+step "each of the ${#headers[@]} installed headers compiles on its own"
+
+pc_build="$tmp/pkg-config-consumer"
+mkdir "$pc_build"
+step "compiling the consumer with pkg-config --cflags --libs thriftusb"
+run "$tmp/pc-build.log" "$cxx" -std=c++17 "${flags[@]}" "${san_flags[@]}" "${pc_cflags[@]}" \
+    "$consumer_dir/consumer.cpp" -o "$pc_build/consumer" "${pc_libs[@]}" "${rpath[@]}" ||
+  fail "compiling the consumer with pkg-config failed"
+check_program "$pc_build/consumer"
+
+step "PASS in $((SECONDS - started)) s"
