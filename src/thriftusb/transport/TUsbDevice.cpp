@@ -63,7 +63,7 @@ int TUsbDevice::open() {
     if (readFd_ == -1) {
       return -1;
     }
-    writeFd_ = readFd_;
+    writeFd_ = readFd_.load();
     GlobalOutput.printf("1 channel: %s", path_.c_str());
     return 0;
   }

@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TRANSPORT_TUSBDEVICE_H
 #define THRIFTUSB_TRANSPORT_TUSBDEVICE_H
 
+#include <atomic>
 #include <string>
 
 #include <thriftusb/transport/UsbDevice.h>
@@ -73,8 +74,10 @@ private:
   std::string path_;
   std::string readPath_;
   std::string writePath_;
-  int readFd_;
-  int writeFd_;
+  // Atomic: a transport's owner may ask isOpen() on one thread while another closes
+  // the channel (a server polling the connection it handed out, for instance).
+  std::atomic<int> readFd_;
+  std::atomic<int> writeFd_;
 };
 
 } // namespace transport

@@ -32,6 +32,15 @@ static_assert(
     "library was built against (" THRIFTUSB_THRIFT_VERSION_STRING
     "): check the include directories for a mix of Thrift installations.");
 
+// Marks a server transport's isOpen() as an override where TServerTransport declares
+// it virtual (0.14 and later). Against 0.13 the member is an ordinary function that
+// only callers holding the derived type see.
+#if THRIFTUSB_THRIFT_HAS_CONFIGURATION
+#define THRIFTUSB_SERVER_TRANSPORT_IS_OPEN_OVERRIDE override
+#else
+#define THRIFTUSB_SERVER_TRANSPORT_IS_OPEN_OVERRIDE
+#endif
+
 namespace apache {
 namespace thrift {
 namespace transport {
