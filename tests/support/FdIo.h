@@ -61,6 +61,14 @@ std::set<int> openDescriptors();
 /** Descriptors in @p after that are not in @p before. */
 std::set<int> newDescriptors(const std::set<int>& before, const std::set<int>& after);
 
+/** The descriptors that @p open leaves open that were not open before it ran. */
+template <typename Open>
+std::set<int> descriptorsOpenedBy(Open&& open) {
+  const auto before = openDescriptors();
+  open();
+  return newDescriptors(before, openDescriptors());
+}
+
 /** The open file status flags of @p fd (fcntl F_GETFL), or -1. */
 int statusFlags(int fd);
 

@@ -42,9 +42,7 @@ std::string stringOf(const uint8_t* data, size_t len) {
 struct CableHost {
   explicit CableHost(int block = kBlock)
     : socket(cable.host().readPath, cable.host().writePath, 0, block) {
-    auto before = openDescriptors();
-    socket.open();
-    socketFds = newDescriptors(before, openDescriptors());
+    socketFds = descriptorsOpenedBy([&] { socket.open(); });
     spy.watch(socketFds);
     peerIn = openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK);
     peerOut = openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK);
@@ -350,9 +348,7 @@ TEST(TUSBSocketWritePartial, OneNodeModeLogsAnEmptyPath) {
   PtyDevice pty;
   SyscallSpy spy;
   TUSBSocket socket(pty.path(), 0, kBlock);
-  const auto before = openDescriptors();
-  socket.open();
-  spy.watch(newDescriptors(before, openDescriptors()));
+  spy.watch(descriptorsOpenedBy([&] { socket.open(); }));
   LogCapture log;
   uint8_t buf[8] = {};
   spy.failNext(Sys::Write, EIO);

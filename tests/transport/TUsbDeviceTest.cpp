@@ -37,9 +37,7 @@ std::string errorText(int error) {
 struct CableChannel {
   explicit CableChannel(bool nonblocking)
     : device(cable.host().readPath, cable.host().writePath, nonblocking, kBlock, kBlock) {
-    const auto before = openDescriptors();
-    EXPECT_EQ(device.open(), 0);
-    fds = newDescriptors(before, openDescriptors());
+    fds = descriptorsOpenedBy([&] { EXPECT_EQ(device.open(), 0); });
     spy.watch(fds);
     peerIn = openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK);
     peerOut = openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK);
