@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include <dlfcn.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace thriftusb {
@@ -13,6 +14,9 @@ namespace test {
 namespace {
 
 std::atomic<SyscallSpy*> activeSpy{nullptr};
+
+// How far virtual time has moved the monotonic clock; only ever grows.
+std::atomic<long long> clockOffsetNanos{0};
 
 template <typename Fn>
 Fn next(const char* name) {
@@ -23,6 +27,7 @@ using ReadFn = ssize_t (*)(int, void*, size_t);
 using WriteFn = ssize_t (*)(int, const void*, size_t);
 using FsyncFn = int (*)(int); // also close's signature
 using UsleepFn = int (*)(useconds_t);
+using ClockFn = int (*)(clockid_t, struct timespec*);
 
 // Runs one interposed call: a scripted outcome replaces it, otherwise the real
 // function runs; either way a watched call is recorded.
@@ -137,7 +142,21 @@ void SyscallSpy::record(const SysCall& call) {
 
 bool SyscallSpy::instantSleeps() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return instantSleeps_;
+  return instantSleeps_ || virtualTime_;
+}
+
+void SyscallSpy::setVirtualTime(bool on) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  virtualTime_ = on;
+}
+
+bool SyscallSpy::virtualTime() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return virtualTime_;
+}
+
+void SyscallSpy::advanceTime(std::chrono::nanoseconds by) {
+  clockOffsetNanos.fetch_add(by.count());
 }
 
 } // namespace test
@@ -176,5 +195,20 @@ extern "C" int usleep(useconds_t micros) {
     return real(micros);
   }
   spy->record({Sys::Usleep, -1, static_cast<size_t>(micros), 0, 0});
+  if (spy->virtualTime()) {
+    thriftusb::test::SyscallSpy::advanceTime(std::chrono::microseconds(micros));
+  }
   return spy->instantSleeps() ? 0 : real(micros);
+}
+
+extern "C" int clock_gettime(clockid_t clock, struct timespec* ts) {
+  static const auto real = thriftusb::test::next<thriftusb::test::ClockFn>("clock_gettime");
+  const int result = real(clock, ts);
+  const long long offset = thriftusb::test::clockOffsetNanos.load();
+  if (result == 0 && offset != 0 && (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_RAW)) {
+    long long nanos = ts->tv_nsec + offset % 1000000000LL;
+    ts->tv_sec += static_cast<time_t>(offset / 1000000000LL + nanos / 1000000000LL);
+    ts->tv_nsec = static_cast<long>(nanos % 1000000000LL);
+  }
+  return result;
 }

@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TESTS_SUPPORT_SYSCALLSPY_H
 #define THRIFTUSB_TESTS_SUPPORT_SYSCALLSPY_H
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <map>
@@ -31,7 +32,11 @@ struct SysCall {
  * A scripted outcome replaces the next call on a watched descriptor: it either fails
  * with an errno, or returns a value without any I/O. Sleeps are recorded while a spy
  * lives, and can be made instant so that code that polls can be driven without
- * waiting. One spy at a time; link this file only into programs that want it.
+ * waiting. With virtual time on, every sleep returns at once and moves the monotonic
+ * clock (CLOCK_MONOTONIC, and so std::chrono::steady_clock) forward by its length, so
+ * that time-outs of seconds or minutes pass in a few milliseconds while the code under
+ * test sees a consistent clock. The clock never moves back, not even when the spy
+ * ends. One spy at a time; link this file only into programs that want it.
  */
 class SyscallSpy {
 public:
@@ -53,6 +58,11 @@ public:
   /** usleep returns at once (still recorded) when @p instant is true. */
   void setInstantSleeps(bool instant);
 
+  /** Sleeps return at once and move the monotonic clock forward while @p on is true. */
+  void setVirtualTime(bool on);
+  /** Moves the monotonic clock forward by @p by at once. */
+  static void advanceTime(std::chrono::nanoseconds by);
+
   /** Every recorded call, in order. */
   std::vector<SysCall> calls() const;
   /** The lengths asked for by the recorded calls of @p call. */
@@ -71,6 +81,7 @@ public:
   bool takeOutcome(Sys call, Outcome& outcome);
   void record(const SysCall& call);
   bool instantSleeps() const;
+  bool virtualTime() const;
 
 private:
   mutable std::mutex mutex_;
@@ -78,6 +89,7 @@ private:
   std::map<Sys, std::deque<Outcome>> script_;
   std::vector<SysCall> calls_;
   bool instantSleeps_ = false;
+  bool virtualTime_ = false;
 };
 
 } // namespace test
