@@ -1,46 +1,117 @@
-// The device's side of the demo: serves the Gadget service over two USB device nodes
-// until the host hangs up.
+// The device's side of the demo: serves the Gadget service with a Thrift server over
+// two USB device nodes, one host after the other, on the threaded USB transport.
 //
-//   usb_server READ_NODE WRITE_NODE
+//   usb_server [--connections N] READ_NODE WRITE_NODE
 //
 // READ_NODE carries the host's requests, WRITE_NODE the answers. Every call served is
-// printed as one line. Exits 0 when the host has hung up (the read node reports end
-// of data), 1 on any other failure.
+// printed as one line. With --connections N the server stops after serving N hosts;
+// without it, it serves until it receives SIGTERM. (SIGINT does not stop it: the
+// threaded USB transport takes SIGINT over for the whole process to stop its own
+// threads.) Exits 0 after a clean stop, 1 on failure, 2 on bad usage.
 
+#include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <string>
+#include <thread>
 
-#include "Gadget.h"
+#include <pthread.h>
+
+#include <thrift/TOutput.h>
+#include <thrift/server/TServer.h>
+
 #include "GadgetHandler.h"
-#include "GadgetLink.h"
+#include "ThreadedLink.h"
 
-using apache::thrift::transport::TTransportException;
-using thriftusb::example::GadgetHandler;
-using thriftusb::example::GadgetLink;
-using thriftusb::example::GadgetProcessor;
+using apache::thrift::server::TServer;
+using apache::thrift::server::TServerEventHandler;
+
+namespace {
+
+struct Options {
+  long connections = 0; // 0: no limit
+  std::string readNode;
+  std::string writeNode;
+};
+
+bool parse(int argc, char** argv, Options& options) {
+  int arg = 1;
+  if (argc == 5 && std::string(argv[1]) == "--connections") {
+    char* end = nullptr;
+    options.connections = std::strtol(argv[2], &end, 10);
+    if (*end != '\0' || options.connections < 1) {
+      return false;
+    }
+    arg = 3;
+  } else if (argc != 3) {
+    return false;
+  }
+  options.readNode = argv[arg];
+  options.writeNode = argv[arg + 1];
+  return true;
+}
+
+/** Counts the hosts served and stops the server after the last one allowed. */
+class ConnectionLimit : public TServerEventHandler {
+public:
+  ConnectionLimit(TServer& server, long limit) : server_(server), limit_(limit) {}
+
+  void deleteContext(void*, std::shared_ptr<apache::thrift::protocol::TProtocol>,
+                     std::shared_ptr<apache::thrift::protocol::TProtocol>) override {
+    const long served = ++served_;
+    std::cout << "server: host " << served << " gone" << std::endl;
+    if (limit_ > 0 && served >= limit_) {
+      server_.stop();
+    }
+  }
+
+private:
+  TServer& server_;
+  const long limit_;
+  std::atomic<long> served_{0};
+};
+
+void printThriftLog(const char* line) {
+  std::cerr << "server: thrift: " << line << std::endl;
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: " << argv[0] << " READ_NODE WRITE_NODE\n";
+  Options options;
+  if (!parse(argc, argv, options)) {
+    std::cerr << "usage: " << argv[0] << " [--connections N] READ_NODE WRITE_NODE\n";
     return 2;
   }
   // Nodes that are FIFOs raise SIGPIPE when written without a reader; a failed write
-  // must end the serving loop with a message instead of killing the program.
+  // must end the connection with an exception instead of killing the program.
   std::signal(SIGPIPE, SIG_IGN);
+  // SIGTERM is taken by one thread of our own, which stops the server; every thread
+  // started later inherits the blocked mask, so none of them is killed by it.
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, nullptr);
+  apache::thrift::GlobalOutput.setOutputFunction(printThriftLog);
   try {
-    GadgetLink link(argv[1], argv[2]);
-    GadgetProcessor processor(std::make_shared<GadgetHandler>(std::cout));
-    link.socket->open();
-    std::cout << "server: serving on " << argv[1] << " (in) and " << argv[2] << " (out)"
-              << std::endl;
-    const auto end = thriftusb::example::serveUntilHangUp(processor, link.protocol);
-    if (end.getType() != TTransportException::TIMED_OUT) {
-      std::cerr << "server: link failed: " << end.what() << std::endl;
-      return 1;
-    }
-    std::cout << "server: host hung up (" << end.what() << "), stopping" << std::endl;
+    auto handler = std::make_shared<thriftusb::example::GadgetHandler>(std::cout);
+    auto server = thriftusb::example::makeGadgetServer(
+        thriftusb::example::makeGadgetServerTransport(options.readNode, options.writeNode),
+        handler);
+    server->setServerEventHandler(std::make_shared<ConnectionLimit>(*server, options.connections));
+    std::thread terminator([&server, &term] {
+      int received = 0;
+      sigwait(&term, &received);
+      server->stop();
+    });
+    terminator.detach();
+    std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
+              << " (out)" << std::endl;
+    server->serve();
+    std::cout << "server: stopped" << std::endl;
     return 0;
   } catch (const std::exception& e) {
     std::cerr << "server: failed: " << e.what() << std::endl;

@@ -3,6 +3,8 @@
 # into build/demo against Thrift 0.13, and runs the server and the client against each
 # other over a pair of FIFOs (scripts/run-demo.sh).
 #
+#   demo.sh [threaded|blocking]    the stack to run; threaded by default
+#
 # Running it again is quick: setup finds everything in place, the build tree is kept,
 # and Ninja rebuilds only what changed (re-running CMake itself when a CMakeLists.txt
 # changed).
@@ -16,6 +18,6 @@ build="$root/build/demo"
 if [ ! -f "$build/build.ninja" ]; then
   cmake -S "$root" -B "$build" -G Ninja -DTHRIFTUSB_BUILD_TESTS=OFF -DTHRIFTUSB_BUILD_EXAMPLES=ON
 fi
-cmake --build "$build" --parallel "$(nproc)" --target usb_server usb_client
+cmake --build "$build" --parallel "$(nproc)" --target usb_server usb_client usb_blocking_server
 
-"$root/scripts/run-demo.sh" "$build/examples"
+"$root/scripts/run-demo.sh" "$build/examples" "$@"

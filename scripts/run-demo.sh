@@ -2,16 +2,26 @@
 # Runs the example server and client against each other over a pair of FIFOs that
 # stand in for the two device nodes of a USB gadget.
 #
-#   run-demo.sh BINDIR      (BINDIR holds usb_server and usb_client)
+#   run-demo.sh BINDIR [threaded|blocking]
+#
+# BINDIR holds the example programs. "threaded" (the default) runs usb_server and
+# usb_client: a Thrift server on the threaded USB transport, which serves one host and
+# stops once that host has been silent for its 3 s read time-out. "blocking" runs
+# usb_blocking_server and usb_client --blocking on the blocking TUSBSocket.
 #
 # Exits 0 when the client got every answer right and the server stopped cleanly after
 # the client hung up. Each program runs under a time limit (DEMO_TIMEOUT seconds,
 # default 20), so a hang fails the run instead of stalling it.
 set -euo pipefail
 
-bindir="${1:?usage: run-demo.sh BINDIR (the directory that holds usb_server and usb_client)}"
+bindir="${1:?usage: run-demo.sh BINDIR [threaded|blocking]}"
+stack="${2:-threaded}"
 limit="${DEMO_TIMEOUT:-20}"
-server="$bindir/usb_server"
+case "$stack" in
+  threaded) server="$bindir/usb_server" server_options=(--connections 1) client_options=() ;;
+  blocking) server="$bindir/usb_blocking_server" server_options=() client_options=(--blocking) ;;
+  *) echo "demo: unknown stack $stack (threaded or blocking)" >&2; exit 2 ;;
+esac
 client="$bindir/usb_client"
 for program in "$server" "$client"; do
   if [ ! -x "$program" ]; then
@@ -43,15 +53,16 @@ mkfifo -m 600 "$to_device" "$to_host"
 # descriptors (3>&- 4>&-), so that letting go of them later is what ends the server.
 exec 3<>"$to_device" 4<>"$to_host"
 
-echo "demo: nodes in $dir"
-timeout -k 2 "$limit" "$server" "$to_device" "$to_host" 3>&- 4>&- &
+echo "demo: $stack stack, nodes in $dir"
+timeout -k 2 "$limit" "$server" "${server_options[@]}" "$to_device" "$to_host" 3>&- 4>&- &
 server_pid=$!
 
 client_status=0
-timeout -k 2 "$limit" "$client" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
+timeout -k 2 "$limit" "$client" "${client_options[@]}" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
 
-# The client has closed its nodes; once this shell lets go too, nothing can write to
-# the server's read node any more, its read sees end of data and it stops.
+# The client has closed its nodes. The blocking server stops once this shell lets go
+# too: nothing can write to its read node any more and its read sees end of data. The
+# threaded server ends the connection after its read time-out and stops.
 exec 3>&- 4>&-
 server_status=0
 wait "$server_pid" || server_status=$?

@@ -15,7 +15,7 @@
 
 #include "Gadget.h"
 #include "GadgetHandler.h"
-#include "GadgetLink.h"
+#include "BlockingLink.h"
 #include "demo_constants.h"
 #include "support/Bounded.h"
 #include "support/FdIo.h"
@@ -78,8 +78,8 @@ protected:
 
   Watchdog watchdog_;
   VirtualCable cable_;
-  GadgetLink device_;
-  GadgetLink host_;
+  BlockingLink device_;
+  BlockingLink host_;
   GadgetClient gadget_;
   std::ostringstream serverLog_;
   TTransportException serverEnd_;

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -28,6 +29,17 @@ using WriteFn = ssize_t (*)(int, const void*, size_t);
 using FsyncFn = int (*)(int); // also close's signature
 using UsleepFn = int (*)(useconds_t);
 using ClockFn = int (*)(clockid_t, struct timespec*);
+using ThreadStartFn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+// The function that really starts a thread. A sanitizer runtime in the program
+// interposes pthread_create itself, with a weak definition that ours replaces; its own
+// entry point must still see every thread start, so it comes before the C library's.
+ThreadStartFn realThreadStart() {
+  void* sanitizer = ::dlsym(RTLD_DEFAULT, "__interceptor_pthread_create");
+  return reinterpret_cast<ThreadStartFn>(sanitizer != nullptr
+                                             ? sanitizer
+                                             : ::dlsym(RTLD_NEXT, "pthread_create"));
+}
 
 // Runs one interposed call: a scripted outcome replaces it, otherwise the real
 // function runs; either way a watched call is recorded.
@@ -145,6 +157,23 @@ bool SyscallSpy::instantSleeps() const {
   return instantSleeps_ || virtualTime_;
 }
 
+void SyscallSpy::failThreadStart(int after, int error) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  threadStartsBeforeFailure_ = after;
+  threadStartError_ = error;
+}
+
+int SyscallSpy::takeThreadStartError() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (threadStartsBeforeFailure_ < 0) {
+    return 0;
+  }
+  if (threadStartsBeforeFailure_-- > 0) {
+    return 0;
+  }
+  return threadStartError_;
+}
+
 void SyscallSpy::setVirtualTime(bool on) {
   std::lock_guard<std::mutex> lock(mutex_);
   virtualTime_ = on;
@@ -199,6 +228,14 @@ extern "C" int usleep(useconds_t micros) {
     thriftusb::test::SyscallSpy::advanceTime(std::chrono::microseconds(micros));
   }
   return spy->instantSleeps() ? 0 : real(micros);
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
+                              void* (*start)(void*), void* arg) {
+  static const auto real = thriftusb::test::realThreadStart();
+  thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
+  const int error = spy != nullptr ? spy->takeThreadStartError() : 0;
+  return error != 0 ? error : real(thread, attr, start, arg);
 }
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* ts) {

@@ -25,7 +25,7 @@ struct SysCall {
 };
 
 /**
- * Watches and steers the read, write, fsync, close and usleep calls that the code under test
+ * Watches and steers the read, write, fsync, close and usleep calls, and thread starts, that the code under test
  * makes, by interposing those C library functions in the test program. Calls on
  * descriptors that are not watched pass straight to the C library.
  *
@@ -58,6 +58,12 @@ public:
   /** usleep returns at once (still recorded) when @p instant is true. */
   void setInstantSleeps(bool instant);
 
+  /**
+   * The thread start (pthread_create, and so std::thread) that follows @p after more
+   * successful ones fails with @p error; the others run as usual.
+   */
+  void failThreadStart(int after, int error);
+
   /** Sleeps return at once and move the monotonic clock forward while @p on is true. */
   void setVirtualTime(bool on);
   /** Moves the monotonic clock forward by @p by at once. */
@@ -82,6 +88,7 @@ public:
   void record(const SysCall& call);
   bool instantSleeps() const;
   bool virtualTime() const;
+  int takeThreadStartError();
 
 private:
   mutable std::mutex mutex_;
@@ -90,6 +97,8 @@ private:
   std::vector<SysCall> calls_;
   bool instantSleeps_ = false;
   bool virtualTime_ = false;
+  int threadStartsBeforeFailure_ = -1; // -1: no failure scripted
+  int threadStartError_ = 0;
 };
 
 } // namespace test

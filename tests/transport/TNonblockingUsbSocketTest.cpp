@@ -3,11 +3,16 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include <cerrno>
+
 #include <fcntl.h>
+#include <sys/ioctl.h>
 
 #include <gtest/gtest.h>
 
@@ -17,6 +22,7 @@
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
+#include "support/SyscallSpy.h"
 #include "support/VirtualCable.h"
 
 using apache::thrift::transport::TNonblockingUsbSocket;
@@ -176,43 +182,111 @@ TEST(TNonblockingUsbSocketBlocking, ClosedTransportRefusesWithInterrupted) {
   }
 }
 
-TEST(TNonblockingUsbSocketBlocking, CloseFromAnotherThreadEndsAWaitingReadAll) {
-  CableLink link(false, 60000);
-  link.socket.open();
-  Watchdog watchdog;
-  uint8_t buf[8];
-  PeerThread reader([&] { link.socket.readAll(buf, sizeof buf); });
-  ASSERT_FALSE(reader.waitFor(50ms)); // it waits: nothing arrives
+// A call that waits on a blocking-mode transport, and what it fails with once another
+// thread closes the transport.
+enum class Waiting { ReadAll, Write, Flush };
 
-  const auto start = std::chrono::steady_clock::now();
-  link.socket.close();
-  try {
-    reader.join();
-    ADD_FAILURE() << "readAll returned although the transport was closed";
-  } catch (const TTransportException& e) {
-    EXPECT_EQ(e.getType(), TTransportException::INTERRUPTED);
-    EXPECT_STREQ(e.what(), "Failed to read.");
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+std::ostream& operator<<(std::ostream& out, Waiting call) {
+  const char* names[] = {"ReadAll", "Write", "Flush"};
+  return out << names[static_cast<int>(call)];
 }
 
-TEST(TNonblockingUsbSocketBlocking, CloseStopsAWriterBlockedInTheChannel) {
-  // The peer reads nothing: the FIFO fills, the writer thread blocks inside the
-  // channel's write, the queue fills, and write() waits. close() must interrupt the
-  // blocked thread and end the waiting write with INTERRUPTED.
-  CableLink link(false, 1000, 60000, 256);
+std::string nameOf(const ::testing::TestParamInfo<Waiting>& info) {
+  return ::testing::PrintToString(info.param);
+}
+
+class TNonblockingUsbSocketCloseDuring : public ::testing::TestWithParam<Waiting> {};
+
+TEST_P(TNonblockingUsbSocketCloseDuring, EndsTheWaitingCallWithInterruptedWithinAPollingStep) {
+  // Time-outs far away: only the close can end the call. The peer reads nothing, so
+  // the FIFO fills (64 KiB) and the writer thread blocks inside the channel's write;
+  // a 1 MiB write then waits for room in the queue, and a flush after a write that
+  // fits waits for the queue to drain.
+  CableLink link(false, 60000, 60000, 8192);
   LogCapture log;
   link.socket.open();
   Watchdog watchdog;
-  const auto data = bytesOf(patternBytes(1 << 20));
-  PeerThread writer([&] { link.socket.write(data.data(), static_cast<uint32_t>(data.size())); });
-  ASSERT_FALSE(writer.waitFor(100ms));
+  uint8_t buf[8];
+  const auto data = bytesOf(patternBytes(GetParam() == Waiting::Write ? 1 << 20 : 65536 + 2048));
+  std::function<void()> call;
+  const char* message = "Failed to write.";
+  switch (GetParam()) {
+  case Waiting::ReadAll:
+    call = [&] { link.socket.readAll(buf, sizeof buf); };
+    message = "Failed to read.";
+    break;
+  case Waiting::Write:
+    call = [&] { link.socket.write(data.data(), static_cast<uint32_t>(data.size())); };
+    break;
+  case Waiting::Flush:
+    link.socket.write(data.data(), static_cast<uint32_t>(data.size()));
+    call = [&] { link.socket.flush(); };
+    message = "Failed to flush usb device.";
+    break;
+  }
+  PeerThread waiting(call);
+  ASSERT_FALSE(waiting.waitFor(100ms));
 
+  const auto start = std::chrono::steady_clock::now();
   link.socket.close();
-  EXPECT_TRUE(throwsTransport([&] { writer.join(); }, TTransportException::INTERRUPTED,
-                              "Failed to write."));
+  EXPECT_TRUE(throwsTransport([&] { waiting.join(); }, TTransportException::INTERRUPTED, message));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_EQ(log.count("read thread exit."), 1u);
   EXPECT_EQ(log.count("write thread exit at 2."), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, TNonblockingUsbSocketCloseDuring,
+                         ::testing::Values(Waiting::ReadAll, Waiting::Write, Waiting::Flush),
+                         nameOf);
+
+TEST(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) {
+  CableLink link(false, 60000, 60000, 8192);
+  link.socket.open();
+  const auto data = bytesOf(patternBytes(65536 + 2048));
+  link.socket.write(data.data(), static_cast<uint32_t>(data.size()));
+  // Wait until the FIFO is full: from then on the queue stays as it is.
+  ASSERT_TRUE(waitUntil([&] {
+    int queued = 0;
+    return ::ioctl(link.peerIn.get(), FIONREAD, &queued) == 0 && queued == 65536;
+  }));
+
+  // The writer thread is stuck in the full FIFO; the flush's polls pass in virtual
+  // time, 10 ms each, until the stall reaches 3 s.
+  SyscallSpy spy;
+  spy.setVirtualTime(true);
+  EXPECT_TRUE(throwsTransport([&] { link.socket.flush(); }, TTransportException::TIMED_OUT,
+                              "flush timeout."));
+  spy.setVirtualTime(false);
+  const auto sleeps = spy.lengths(Sys::Usleep);
+  ASSERT_FALSE(sleeps.empty());
+  EXPECT_EQ(sleeps.front(), 10000u);
+  EXPECT_GE(sleeps.size(), 300u);
+  EXPECT_LE(sleeps.size(), 302u);
+  link.socket.close();
+}
+
+TEST(TNonblockingUsbSocketBlocking, FailureToStartTheWriterLeavesNothingRunningOrOpen) {
+  CableLink link(false);
+  link.socket.open(); // the first threads of the program: sanitizer helpers start now
+  link.socket.close();
+  const size_t threadsBefore = threadCount();
+  const auto fdsBefore = openDescriptors();
+  {
+    SyscallSpy spy;
+    spy.failThreadStart(1, EAGAIN); // the reader starts, the writer does not
+    EXPECT_TRUE(throwsTransport([&] { link.socket.open(); }, TTransportException::NOT_OPEN,
+                                "Failed to start usb transport threads."));
+  }
+  EXPECT_FALSE(link.device->isOpen());
+  EXPECT_EQ(threadCount(), threadsBefore);
+  EXPECT_EQ(openDescriptors(), fdsBefore);
+
+  link.socket.open(); // nothing of the failed attempt is in the way
+  const auto data = bytesOf("after");
+  link.socket.write(data.data(), static_cast<uint32_t>(data.size()));
+  link.socket.flush();
+  EXPECT_EQ(readExactly(link.peerIn.get(), data.size()), "after");
+  link.socket.close();
 }
 
 TEST(TNonblockingUsbSocketBlocking, OpenCloseCyclesLeaveNoThreadOrDescriptorBehind) {

@@ -1,5 +1,5 @@
-#ifndef THRIFTUSB_EXAMPLES_GADGETLINK_H
-#define THRIFTUSB_EXAMPLES_GADGETLINK_H
+#ifndef THRIFTUSB_EXAMPLES_BLOCKINGLINK_H
+#define THRIFTUSB_EXAMPLES_BLOCKINGLINK_H
 
 #include <memory>
 #include <string>
@@ -18,16 +18,16 @@ namespace example {
  * write node, with the binary protocol on top. Both the host and the device build
  * one; the transport is not opened here, so that the caller decides when.
  */
-struct GadgetLink {
+struct BlockingLink {
   /**
    * @param readPath   node that carries the peer's bytes to this end
    * @param writePath  node that carries this end's bytes to the peer
    * @param blockSize  largest byte count of one read or write system call
    */
-  GadgetLink(const std::string& readPath, const std::string& writePath, int blockSize);
+  BlockingLink(const std::string& readPath, const std::string& writePath, int blockSize);
 
   /** Same, with the service's BLOCK_SIZE constant as the block size. */
-  GadgetLink(const std::string& readPath, const std::string& writePath);
+  BlockingLink(const std::string& readPath, const std::string& writePath);
 
   std::shared_ptr<apache::thrift::transport::TUSBSocket> socket;
   std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;

@@ -1,4 +1,4 @@
-#include "GadgetLink.h"
+#include "BlockingLink.h"
 
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
@@ -20,12 +20,12 @@ constexpr int kReserved = 0;
 
 } // namespace
 
-GadgetLink::GadgetLink(const std::string& readPath, const std::string& writePath, int blockSize)
+BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath, int blockSize)
   : socket(std::make_shared<TUSBSocket>(readPath, writePath, kReserved, blockSize)),
     protocol(std::make_shared<TBinaryProtocol>(socket)) {}
 
-GadgetLink::GadgetLink(const std::string& readPath, const std::string& writePath)
-  : GadgetLink(readPath, writePath, g_demo_constants.BLOCK_SIZE) {}
+BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath)
+  : BlockingLink(readPath, writePath, g_demo_constants.BLOCK_SIZE) {}
 
 TTransportException serveUntilHangUp(
     apache::thrift::TProcessor& processor,

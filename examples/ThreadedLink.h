@@ -1,0 +1,71 @@
+#ifndef THRIFTUSB_EXAMPLES_THREADEDLINK_H
+#define THRIFTUSB_EXAMPLES_THREADEDLINK_H
+
+#include <memory>
+#include <string>
+
+#include <thrift/protocol/TProtocol.h>
+#include <thrift/server/TSimpleServer.h>
+#include <thrift/transport/TServerTransport.h>
+#include <thrift/transport/TTransport.h>
+
+#include <thriftusb/transport/TNonblockingUsbSocket.h>
+#include <thriftusb/transport/TUsbDevice.h>
+
+#include "Gadget.h"
+
+namespace thriftusb {
+namespace example {
+
+/** Read and write time-out of the host's transport, in milliseconds. */
+constexpr int kHostTimeoutMs = 3000;
+/** Size of each of the host transport's two ring buffers, in bytes. */
+constexpr int kHostRingBytes = 1 << 20;
+
+/**
+ * The host's end of a gadget's USB link on the threaded stack: a TUsbDevice on a
+ * read node and a write node, a TNonblockingUsbSocket on it and the binary protocol
+ * on top. Nothing is opened here: open and close `socket`.
+ *
+ * The protocol talks to the socket directly: its reads are readAll calls, which wait
+ * for the answer up to the read time-out. The runtime's TBufferedTransport would not
+ * do here: it refills its buffer with a single read, which on this socket never
+ * waits, and takes an empty one for the end of the stream.
+ */
+struct ThreadedLink {
+  /**
+   * @param readPath     node that carries the gadget's answers
+   * @param writePath    node that carries the requests
+   * @param nonblocking  drive the channel on the caller's thread instead of from a
+   *                     reader and a writer thread (the nodes must support fsync)
+   */
+  ThreadedLink(const std::string& readPath, const std::string& writePath,
+               bool nonblocking = false);
+
+  std::shared_ptr<apache::thrift::transport::TUsbDevice> device;
+  std::shared_ptr<apache::thrift::transport::TNonblockingUsbSocket> socket;
+  std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
+};
+
+/**
+ * The gadget's server transport: the read node and the write node of the device's
+ * end, in blocking mode, with the service's BLOCK_SIZE as the block size.
+ */
+std::shared_ptr<apache::thrift::transport::TServerTransport> makeGadgetServerTransport(
+    const std::string& readPath, const std::string& writePath);
+
+/**
+ * A Thrift server answering the Gadget service with @p handler over @p serverTransport:
+ * one host at a time, the binary protocol straight on each connection's socket (not
+ * buffered, for the reason given at ThreadedLink). A connection ends when the host has
+ * been silent for the socket's read time-out. serve() runs until stop() is called from
+ * another thread (or from an event handler).
+ */
+std::shared_ptr<apache::thrift::server::TSimpleServer> makeGadgetServer(
+    const std::shared_ptr<apache::thrift::transport::TServerTransport>& serverTransport,
+    const std::shared_ptr<GadgetIf>& handler);
+
+} // namespace example
+} // namespace thriftusb
+
+#endif

@@ -1,0 +1,213 @@
+// The example Gadget service behind real Thrift servers on the USB server transport:
+// TSimpleServer on the two nodes of a virtual cable, TThreadedServer on the one node of
+// a pseudo-terminal, hosts on the threaded transport in both of its modes, hosts that
+// come and go, and peers that vanish.
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <thrift/protocol/TBinaryProtocol.h>
+#include <thrift/server/TThreadedServer.h>
+#include <thrift/transport/TFDTransport.h>
+#include <thrift/transport/TTransportException.h>
+
+#include <thriftusb/transport/TServerNonblockingUsbSocket.h>
+
+#include "Gadget.h"
+#include "GadgetCalls.h"
+#include "GadgetHandler.h"
+#include "ThreadedLink.h"
+#include "demo_constants.h"
+#include "support/Bounded.h"
+#include "support/ChildProcess.h"
+#include "support/Expect.h"
+#include "support/FdIo.h"
+#include "support/PtyDevice.h"
+#include "support/SyscallSpy.h"
+#include "support/VirtualCable.h"
+
+using apache::thrift::protocol::TBinaryProtocol;
+using apache::thrift::protocol::TBinaryProtocolFactory;
+using apache::thrift::protocol::TProtocol;
+using apache::thrift::server::TServer;
+using apache::thrift::server::TServerEventHandler;
+using apache::thrift::server::TThreadedServer;
+using apache::thrift::transport::TFDTransport;
+using apache::thrift::transport::TServerNonblockingUsbSocket;
+using apache::thrift::transport::TTransportException;
+using apache::thrift::transport::TTransportFactory;
+using namespace thriftusb::example;
+using namespace thriftusb::test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// One polling step of the server transport's accept and of the threaded transport,
+// with room for a loaded machine.
+constexpr auto kPrompt = std::chrono::milliseconds(1500);
+
+// How long a stop may take. It closes the current connection first and marks the
+// server transport interrupted after that; a serving thread that gets back to accept
+// in between opens one more connection, which ends after the connection's 3 s read
+// time-out. Usually a stop takes one polling step.
+constexpr auto kStopLimit = std::chrono::milliseconds(3000) + kPrompt;
+
+/** Counts the connections a server has finished with. */
+class ConnectionCounter : public TServerEventHandler {
+public:
+  void deleteContext(void*, std::shared_ptr<TProtocol>, std::shared_ptr<TProtocol>) override {
+    ++ended_;
+  }
+  int ended() const { return ended_; }
+
+private:
+  std::atomic<int> ended_{0};
+};
+
+/** A server running serve() on its own thread until stop(). */
+class RunningServer {
+public:
+  explicit RunningServer(std::shared_ptr<TServer> server)
+    : server_(std::move(server)), counter_(std::make_shared<ConnectionCounter>()) {
+    server_->setServerEventHandler(counter_);
+    thread_ = std::make_unique<PeerThread>([this] { server_->serve(); });
+  }
+
+  ~RunningServer() {
+    if (thread_) {
+      stop();
+    }
+  }
+
+  /** Stops the server from this thread; returns how long serve() took to return. */
+  Clock::duration stop() {
+    const auto start = Clock::now();
+    server_->stop();
+    auto thread = std::move(thread_);
+    thread->join();
+    return Clock::now() - start;
+  }
+
+  /** Waits until the server has finished with @p count connections. */
+  bool waitForEnded(int count) {
+    return waitUntil([&] { return counter_->ended() >= count; });
+  }
+
+private:
+  std::shared_ptr<TServer> server_;
+  std::shared_ptr<ConnectionCounter> counter_;
+  std::unique_ptr<PeerThread> thread_;
+};
+
+/** A host on the threaded transport that runs every Gadget call once over @p link. */
+void callEveryMethod(ThreadedLink& link) {
+  GadgetClient gadget(link.protocol);
+  std::ostringstream log;
+  link.socket->open();
+  EXPECT_TRUE(runCalls(gadget, log)) << log.str();
+  link.socket->close();
+}
+
+class GadgetServerOnTheCable : public ::testing::Test {
+protected:
+  std::shared_ptr<TServer> makeServer() {
+    return makeGadgetServer(
+        makeGadgetServerTransport(cable_.device().readPath, cable_.device().writePath),
+        std::make_shared<GadgetHandler>(serverLog_));
+  }
+
+  Watchdog watchdog_{std::chrono::seconds(60)};
+  VirtualCable cable_;
+  std::ostringstream serverLog_;
+};
+
+} // namespace
+
+TEST_F(GadgetServerOnTheCable, SimpleServerServesHostsOneAfterTheOtherInBothModes) {
+  RunningServer server(makeServer());
+  const auto host = cable_.host();
+
+  ThreadedLink first(host.readPath, host.writePath);
+  callEveryMethod(first);
+  // The server lets the connection go once the host has been silent for its read
+  // time-out, and accepts the next one on fresh transport threads.
+  ASSERT_TRUE(server.waitForEnded(1));
+
+  // Non-blocking mode flushes the channel with fsync, which FIFOs lack and a device
+  // whose driver synchronises its endpoint has: the spy stands in for that driver.
+  ThreadedLink second(host.readPath, host.writePath, true);
+  SyscallSpy spy;
+  spy.watch(descriptorsOpenedBy([&] { second.socket->open(); }));
+  spy.returnNext(Sys::Fsync, 0, 1000);
+  callEveryMethod(second);
+
+  ThreadedLink third(host.readPath, host.writePath);
+  callEveryMethod(third);
+
+  // The server is inside a connection, waiting for the next call: stop ends it.
+  EXPECT_LT(server.stop(), kStopLimit);
+}
+
+TEST_F(GadgetServerOnTheCable, HostThatVanishesMidCallCostsOneConnectionOnly) {
+  RunningServer server(makeServer());
+  const auto host = cable_.host();
+
+  // Half a request, as from a host killed while it was writing: the server waits for
+  // the rest for its read time-out, then drops the connection and the half request.
+  ThreadedLink vanishing(host.readPath, host.writePath);
+  vanishing.socket->open();
+  vanishing.protocol->writeMessageBegin("echo", apache::thrift::protocol::T_CALL, 1);
+  vanishing.socket->flush();
+  vanishing.socket->close();
+  ASSERT_TRUE(server.waitForEnded(1));
+  EXPECT_EQ(serverLog_.str(), "");
+
+  ThreadedLink next(host.readPath, host.writePath);
+  callEveryMethod(next);
+}
+
+TEST_F(GadgetServerOnTheCable, KilledServerProcessFailsTheNextCallWithTheReadTimeOut) {
+  const auto device = cable_.device();
+  ChildProcess serverProcess({USB_SERVER_PROGRAM, device.readPath, device.writePath});
+  const auto host = cable_.host();
+  ThreadedLink link(host.readPath, host.writePath);
+  GadgetClient gadget(link.protocol);
+  link.socket->open();
+  gadget.ping(); // the server is up and serving
+
+  serverProcess.kill(SIGKILL);
+  ASSERT_NE(serverProcess.waitFor(), -1);
+  const auto start = Clock::now();
+  EXPECT_TRUE(throwsTransport([&] { gadget.ping(); }, TTransportException::TIMED_OUT,
+                              "read timeout."));
+  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(kHostTimeoutMs) + kPrompt);
+  link.socket->close();
+}
+
+TEST(GadgetServerOnAPty, ThreadedServerServesOneNodeAndStopsPromptlyMidConnection) {
+  Watchdog watchdog(std::chrono::seconds(30));
+  PtyDevice pty;
+  std::ostringstream serverLog;
+  const int block = g_demo_constants.BLOCK_SIZE;
+  RunningServer server(std::make_shared<TThreadedServer>(
+      std::make_shared<GadgetProcessor>(std::make_shared<GadgetHandler>(serverLog)),
+      std::make_shared<TServerNonblockingUsbSocket>(pty.path(), false, block, block),
+      std::make_shared<TTransportFactory>(), std::make_shared<TBinaryProtocolFactory>()));
+
+  // The host holds the other side of the line: the runtime's own transport on the
+  // terminal's master.
+  auto line = std::make_shared<TFDTransport>(pty.peerFd(), TFDTransport::NO_CLOSE_ON_DESTROY);
+  GadgetClient gadget(std::make_shared<TBinaryProtocol>(line));
+  std::ostringstream log;
+  EXPECT_TRUE(runCalls(gadget, log)) << log.str();
+
+  // The host stays connected; TThreadedServer waits for its connection, which the
+  // server transport interrupts.
+  EXPECT_LT(server.stop(), kStopLimit);
+  EXPECT_NE(serverLog.str().find("server: divide(84, 2) = 42"), std::string::npos);
+}
