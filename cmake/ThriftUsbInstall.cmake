@@ -1,10 +1,11 @@
-# Installs the library, its headers, the CMake package ThriftUsb (target
-# ThriftUsb::thriftusb) and the pkg-config file thriftusb.pc.
+# Installs the library and its cipher library, their headers, the CMake package
+# ThriftUsb (targets ThriftUsb::thriftusb and ThriftUsb::sm4-cipher) and the
+# pkg-config file thriftusb.pc.
 include(CMakePackageConfigHelpers)
 
 set(THRIFTUSB_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/ThriftUsb")
 
-install(TARGETS thriftusb EXPORT ThriftUsbTargets
+install(TARGETS thriftusb sm4-cipher EXPORT ThriftUsbTargets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/src/thriftusb"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"

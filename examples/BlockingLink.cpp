@@ -3,6 +3,9 @@
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/protocol/TProtocolException.h>
 
+#include <thriftusb/transport/TSecurityTransport.h>
+
+#include "DemoOptions.h"
 #include "demo_constants.h"
 
 namespace thriftusb {
@@ -10,6 +13,7 @@ namespace example {
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TProtocolException;
+using apache::thrift::transport::TSecurityTransport;
 using apache::thrift::transport::TTransportException;
 using apache::thrift::transport::TUSBSocket;
 
@@ -20,12 +24,12 @@ constexpr int kReserved = 0;
 
 } // namespace
 
-BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath, int blockSize)
-  : socket(std::make_shared<TUSBSocket>(readPath, writePath, kReserved, blockSize)),
-    protocol(std::make_shared<TBinaryProtocol>(socket)) {}
-
-BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath)
-  : BlockingLink(readPath, writePath, g_demo_constants.BLOCK_SIZE) {}
+BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath,
+                           std::shared_ptr<Sm4Cipher> cipher)
+  : socket(std::make_shared<TUSBSocket>(readPath, writePath, kReserved,
+                                        g_demo_constants.BLOCK_SIZE)),
+    transport(withFrames<TSecurityTransport>(socket, std::move(cipher))),
+    protocol(std::make_shared<TBinaryProtocol>(transport)) {}
 
 TTransportException serveUntilHangUp(
     apache::thrift::TProcessor& processor,

@@ -8,6 +8,7 @@
 #include <thrift/protocol/TProtocol.h>
 #include <thrift/transport/TTransportException.h>
 
+#include <thriftusb/cipher/Sm4Cipher.h>
 #include <thriftusb/transport/TUSBSocket.h>
 
 namespace thriftusb {
@@ -15,21 +16,23 @@ namespace example {
 
 /**
  * One end of a gadget's USB link: a TUSBSocket in two-node mode on a read node and a
- * write node, with the binary protocol on top. Both the host and the device build
- * one; the transport is not opened here, so that the caller decides when.
+ * write node (the service's BLOCK_SIZE as its block size), encrypted frames
+ * (TSecurityTransport) when a cipher is given, and the binary protocol on top. Both
+ * the host and the device build one; nothing is opened here: open and close
+ * `transport` when the caller decides.
  */
 struct BlockingLink {
   /**
    * @param readPath   node that carries the peer's bytes to this end
    * @param writePath  node that carries this end's bytes to the peer
-   * @param blockSize  largest byte count of one read or write system call
+   * @param cipher     encrypts every call when set; null: no framing
    */
-  BlockingLink(const std::string& readPath, const std::string& writePath, int blockSize);
-
-  /** Same, with the service's BLOCK_SIZE constant as the block size. */
-  BlockingLink(const std::string& readPath, const std::string& writePath);
+  BlockingLink(const std::string& readPath, const std::string& writePath,
+               std::shared_ptr<Sm4Cipher> cipher = nullptr);
 
   std::shared_ptr<apache::thrift::transport::TUSBSocket> socket;
+  /** The outermost transport: the encrypted frames, or `socket` itself. */
+  std::shared_ptr<apache::thrift::transport::TTransport> transport;
   std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
 };
 

@@ -3,8 +3,11 @@
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TTransport.h>
 
+#include <thriftusb/transport/TNonblockingSecurityTransport.h>
+#include <thriftusb/transport/TNonblockingSecurityTransportFactory.h>
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
 
+#include "DemoOptions.h"
 #include "demo_constants.h"
 
 namespace thriftusb {
@@ -13,6 +16,8 @@ namespace example {
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TBinaryProtocolFactory;
 using apache::thrift::server::TSimpleServer;
+using apache::thrift::transport::TNonblockingSecurityTransport;
+using apache::thrift::transport::TNonblockingSecurityTransportFactory;
 using apache::thrift::transport::TNonblockingUsbSocket;
 using apache::thrift::transport::TServerNonblockingUsbSocket;
 using apache::thrift::transport::TServerTransport;
@@ -20,13 +25,14 @@ using apache::thrift::transport::TTransportFactory;
 using apache::thrift::transport::TUsbDevice;
 
 ThreadedLink::ThreadedLink(const std::string& readPath, const std::string& writePath,
-                           bool nonblocking)
+                           bool nonblocking, std::shared_ptr<Sm4Cipher> cipher)
   : device(std::make_shared<TUsbDevice>(readPath, writePath, nonblocking,
                                         g_demo_constants.BLOCK_SIZE,
                                         g_demo_constants.BLOCK_SIZE)),
     socket(std::make_shared<TNonblockingUsbSocket>(device, kHostTimeoutMs, kHostTimeoutMs,
                                                    kHostRingBytes)),
-    protocol(std::make_shared<TBinaryProtocol>(socket)) {}
+    transport(withFrames<TNonblockingSecurityTransport>(socket, std::move(cipher))),
+    protocol(std::make_shared<TBinaryProtocol>(transport)) {}
 
 std::shared_ptr<TServerTransport> makeGadgetServerTransport(const std::string& readPath,
                                                             const std::string& writePath) {
@@ -36,10 +42,12 @@ std::shared_ptr<TServerTransport> makeGadgetServerTransport(const std::string& r
 
 std::shared_ptr<TSimpleServer> makeGadgetServer(
     const std::shared_ptr<TServerTransport>& serverTransport,
-    const std::shared_ptr<GadgetIf>& handler) {
+    const std::shared_ptr<GadgetIf>& handler, std::shared_ptr<Sm4Cipher> cipher) {
+  std::shared_ptr<TTransportFactory> connections =
+      cipher ? std::make_shared<TNonblockingSecurityTransportFactory>(std::move(cipher))
+             : std::make_shared<TTransportFactory>();
   return std::make_shared<TSimpleServer>(std::make_shared<GadgetProcessor>(handler),
-                                         serverTransport,
-                                         std::make_shared<TTransportFactory>(),
+                                         serverTransport, connections,
                                          std::make_shared<TBinaryProtocolFactory>());
 }
 

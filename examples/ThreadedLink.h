@@ -9,6 +9,7 @@
 #include <thrift/transport/TServerTransport.h>
 #include <thrift/transport/TTransport.h>
 
+#include <thriftusb/cipher/Sm4Cipher.h>
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
 #include <thriftusb/transport/TUsbDevice.h>
 
@@ -24,8 +25,9 @@ constexpr int kHostRingBytes = 1 << 20;
 
 /**
  * The host's end of a gadget's USB link on the threaded stack: a TUsbDevice on a
- * read node and a write node, a TNonblockingUsbSocket on it and the binary protocol
- * on top. Nothing is opened here: open and close `socket`.
+ * read node and a write node, a TNonblockingUsbSocket on it, encrypted frames
+ * (TNonblockingSecurityTransport) when a cipher is given, and the binary protocol on
+ * top. Nothing is opened here: open and close `transport`.
  *
  * The protocol talks to the socket directly: its reads are readAll calls, which wait
  * for the answer up to the read time-out. The runtime's TBufferedTransport would not
@@ -38,12 +40,15 @@ struct ThreadedLink {
    * @param writePath    node that carries the requests
    * @param nonblocking  drive the channel on the caller's thread instead of from a
    *                     reader and a writer thread (the nodes must support fsync)
+   * @param cipher       encrypts every call when set; null: no framing
    */
   ThreadedLink(const std::string& readPath, const std::string& writePath,
-               bool nonblocking = false);
+               bool nonblocking = false, std::shared_ptr<Sm4Cipher> cipher = nullptr);
 
   std::shared_ptr<apache::thrift::transport::TUsbDevice> device;
   std::shared_ptr<apache::thrift::transport::TNonblockingUsbSocket> socket;
+  /** The outermost transport: the encrypted frames, or `socket` itself. */
+  std::shared_ptr<apache::thrift::transport::TTransport> transport;
   std::shared_ptr<apache::thrift::protocol::TProtocol> protocol;
 };
 
@@ -56,14 +61,16 @@ std::shared_ptr<apache::thrift::transport::TServerTransport> makeGadgetServerTra
 
 /**
  * A Thrift server answering the Gadget service with @p handler over @p serverTransport:
- * one host at a time, the binary protocol straight on each connection's socket (not
- * buffered, for the reason given at ThreadedLink). A connection ends when the host has
- * been silent for the socket's read time-out. serve() runs until stop() is called from
- * another thread (or from an event handler).
+ * one host at a time, with the binary protocol. Without @p cipher the protocol sits
+ * straight on each connection's socket (not buffered, for the reason given at
+ * ThreadedLink), and a connection ends when the host has been silent for the socket's
+ * read time-out. With it, every connection carries encrypted frames, and waits up to
+ * the frames' own time-out for the host's next call. serve() runs until stop() is
+ * called from another thread.
  */
 std::shared_ptr<apache::thrift::server::TSimpleServer> makeGadgetServer(
     const std::shared_ptr<apache::thrift::transport::TServerTransport>& serverTransport,
-    const std::shared_ptr<GadgetIf>& handler);
+    const std::shared_ptr<GadgetIf>& handler, std::shared_ptr<Sm4Cipher> cipher = nullptr);
 
 } // namespace example
 } // namespace thriftusb

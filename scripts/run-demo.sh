@@ -2,12 +2,13 @@
 # Runs the example server and client against each other over a pair of FIFOs that
 # stand in for the two device nodes of a USB gadget.
 #
-#   run-demo.sh BINDIR [threaded|blocking]
+#   run-demo.sh BINDIR [threaded|blocking] [--encrypted]
 #
 # BINDIR holds the example programs. "threaded" (the default) runs usb_server and
-# usb_client: a Thrift server on the threaded USB transport, which serves one host and
-# stops once that host has been silent for its 3 s read time-out. "blocking" runs
-# usb_blocking_server and usb_client --blocking on the blocking TUSBSocket.
+# usb_client: a Thrift server on the threaded USB transport, stopped with SIGTERM once
+# the client is done. "blocking" runs usb_blocking_server and usb_client --blocking on
+# the blocking TUSBSocket. --encrypted encrypts every call, with the demo's published
+# key (see examples/DemoOptions.h).
 #
 # Exits 0 when the client got every answer right and the server stopped cleanly after
 # the client hung up. Each program runs under a time limit (DEMO_TIMEOUT seconds,
@@ -16,10 +17,16 @@ set -euo pipefail
 
 bindir="${1:?usage: run-demo.sh BINDIR [threaded|blocking]}"
 stack="${2:-threaded}"
+cipher_options=()
+case "${3:-}" in
+  "") ;;
+  --encrypted) cipher_options=(--encrypted) ;;
+  *) echo "demo: unknown option $3 (--encrypted)" >&2; exit 2 ;;
+esac
 limit="${DEMO_TIMEOUT:-20}"
 case "$stack" in
-  threaded) server="$bindir/usb_server" server_options=(--connections 1) client_options=() ;;
-  blocking) server="$bindir/usb_blocking_server" server_options=() client_options=(--blocking) ;;
+  threaded) server="$bindir/usb_server" client_options=() ;;
+  blocking) server="$bindir/usb_blocking_server" client_options=(--blocking) ;;
   *) echo "demo: unknown stack $stack (threaded or blocking)" >&2; exit 2 ;;
 esac
 client="$bindir/usb_client"
@@ -53,17 +60,21 @@ mkfifo -m 600 "$to_device" "$to_host"
 # descriptors (3>&- 4>&-), so that letting go of them later is what ends the server.
 exec 3<>"$to_device" 4<>"$to_host"
 
-echo "demo: $stack stack, nodes in $dir"
-timeout -k 2 "$limit" "$server" "${server_options[@]}" "$to_device" "$to_host" 3>&- 4>&- &
+echo "demo: $stack stack${cipher_options:+, encrypted with the demo key}, nodes in $dir"
+timeout -k 2 "$limit" "$server" "${cipher_options[@]}" \
+  "$to_device" "$to_host" 3>&- 4>&- &
 server_pid=$!
 
 client_status=0
-timeout -k 2 "$limit" "$client" "${client_options[@]}" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
+timeout -k 2 "$limit" "$client" "${client_options[@]}" "${cipher_options[@]}" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
 
 # The client has closed its nodes. The blocking server stops once this shell lets go
 # too: nothing can write to its read node any more and its read sees end of data. The
-# threaded server ends the connection after its read time-out and stops.
+# threaded server waits for the next host until it is told to stop.
 exec 3>&- 4>&-
+if [ "$stack" = threaded ]; then
+  kill -TERM "$server_pid" 2>/dev/null || true
+fi
 server_status=0
 wait "$server_pid" || server_status=$?
 server_pid=""

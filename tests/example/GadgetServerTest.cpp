@@ -18,6 +18,7 @@
 
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
 
+#include "DemoOptions.h"
 #include "Gadget.h"
 #include "GadgetCalls.h"
 #include "GadgetHandler.h"
@@ -151,6 +152,25 @@ TEST_F(GadgetServerOnTheCable, SimpleServerServesHostsOneAfterTheOtherInBothMode
 
   // The server is inside a connection, waiting for the next call: stop ends it.
   EXPECT_LT(server.stop(), kStopLimit);
+}
+
+TEST_F(GadgetServerOnTheCable, EncryptedFramesCarryEveryCallAndALargeEcho) {
+  const auto cipher = makeDemoCipher();
+  RunningServer server(makeGadgetServer(
+      makeGadgetServerTransport(cable_.device().readPath, cable_.device().writePath),
+      std::make_shared<GadgetHandler>(serverLog_), cipher));
+  ThreadedLink link(cable_.host().readPath, cable_.host().writePath, false, cipher);
+  GadgetClient gadget(link.protocol);
+  link.transport->open();
+  std::ostringstream log;
+  EXPECT_TRUE(runCalls(gadget, log)) << log.str();
+
+  // One frame of 256 KiB each way, cut into 512-byte blocks on the cable.
+  const std::string payload = patternBytes(256 * 1024, 3);
+  std::string echoed;
+  gadget.echo(echoed, payload);
+  EXPECT_TRUE(echoed == payload) << "the echoed bytes differ from those sent";
+  link.transport->close();
 }
 
 TEST_F(GadgetServerOnTheCable, HostThatVanishesMidCallCostsOneConnectionOnly) {

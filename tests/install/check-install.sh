@@ -3,11 +3,11 @@
 # elsewhere, and proves a consumer can use it from there in both supported ways:
 #   1. a CMake project with find_package(ThriftUsb) and ThriftUsb::thriftusb;
 #   2. a plain compiler command line with `pkg-config --cflags --libs thriftusb`.
-# Both programs are run and must load the installed library and the Thrift runtime
-# the library was built against. The installed tree itself is checked too: the
-# shared library's symlink chain and SONAME, the headers, the CMake package files
-# and the pkg-config file. Moving the tree proves that nothing installed depends on
-# the prefix it was installed into.
+# Both programs are run and must load the installed library, the installed cipher
+# library and the Thrift runtime the library was built against. The installed tree
+# itself is checked too: the shared library's symlink chain and SONAME, the cipher
+# library, the headers, the CMake package files and the pkg-config file. Moving the
+# tree proves that nothing installed depends on the prefix it was installed into.
 #
 # Called by CTest (tests/install/CMakeLists.txt) with --name=value arguments. Exits 0
 # when every check passes, 1 with a message naming the failed check otherwise.
@@ -22,7 +22,7 @@ step() { printf '%s: %s\n' "$me" "$*"; }
 
 build_dir="" source_include_dir="" consumer_dir="" cmake="" generator="" make_program=""
 cxx="" pkg_config="" thrift_pcdir="" libdir="" includedir="" linker_file="" soname_file=""
-real_file="" version_header="" readelf="" sanitize="" werror="OFF"
+real_file="" cipher_soname_file="" version_header="" readelf="" sanitize="" werror="OFF"
 for arg in "$@"; do
   case "$arg" in
     --build-dir=*) build_dir="${arg#*=}" ;;
@@ -39,6 +39,7 @@ for arg in "$@"; do
     --linker-file=*) linker_file="${arg#*=}" ;;
     --soname-file=*) soname_file="${arg#*=}" ;;
     --real-file=*) real_file="${arg#*=}" ;;
+    --cipher-soname-file=*) cipher_soname_file="${arg#*=}" ;;
     --version-header=*) version_header="${arg#*=}" ;;
     --readelf=*) readelf="${arg#*=}" ;;
     --sanitize=*) sanitize="${arg#*=}" ;;
@@ -48,7 +49,7 @@ for arg in "$@"; do
 done
 for required in build_dir source_include_dir consumer_dir cmake generator cxx pkg_config \
                 thrift_pcdir libdir includedir linker_file soname_file real_file \
-                version_header readelf; do
+                cipher_soname_file version_header readelf; do
   [ -n "${!required}" ] || fail "missing argument --${required//_/-}"
 done
 
@@ -107,6 +108,7 @@ esac
 soname="$("$readelf" -d "$lib/$real_file" | sed -n 's/.*(SONAME).*\[\(.*\)\]$/\1/p')"
 [ "$soname" = "$soname_file" ] ||
   fail "SONAME of $real_file is '$soname', expected $soname_file"
+[ -e "$lib/$cipher_soname_file" ] || fail "$lib/$cipher_soname_file is missing"
 
 # The installed library's own run path must find all it needs (the Thrift runtime,
 # and for the 0.13 tree its libssl beside it).
@@ -152,13 +154,14 @@ thrift_libdir="$(realpath "$thrift_libdir")"
 
 # check_program EXE: runs EXE and checks what it loaded.
 check_program() {
-  local exe="$1" out status=0 ldd_out thriftusb_path thrift_path
+  local exe="$1" out status=0 ldd_out thriftusb_path cipher_path thrift_path
   out="$("$exe" "$missing_node" 2>"$tmp/consumer.err")" || status=$?
   if [ "$status" -ne 0 ]; then
     cat "$tmp/consumer.err" >&2
     fail "$exe exited with status $status"
   fi
-  [ "$out" = "consumer: open() of a missing node threw NOT_OPEN 'Not found usb reading device: $missing_node'" ] ||
+  [ "$out" = "consumer: open() of a missing node threw NOT_OPEN 'Not found usb reading device: $missing_node'
+consumer: Sm4Cipher gave the known SM4 cipher block and deciphered it" ] ||
     fail "$exe printed '$out'"
   ldd_out="$(ldd "$exe")" || fail "ldd $exe failed"
   if grep -q 'not found' <<<"$ldd_out"; then
@@ -169,6 +172,9 @@ check_program() {
   [ -n "$thriftusb_path" ] || fail "$exe does not load $soname_file"
   [ "$(realpath "$thriftusb_path")" = "$(realpath "$lib/$soname_file")" ] ||
     fail "$exe loads '$thriftusb_path' for $soname_file, not the installed $lib/$soname_file"
+  cipher_path="$(sed -n "s/^[[:space:]]*$cipher_soname_file => \\(.*\\) (0x.*/\\1/p" <<<"$ldd_out")"
+  [ "$(realpath "${cipher_path:-/nonexistent}")" = "$(realpath "$lib/$cipher_soname_file")" ] ||
+    fail "$exe loads '$cipher_path' for $cipher_soname_file, not the installed one in $lib"
   thrift_path="$(sed -n 's/^[[:space:]]*libthrift-[^ ]* => \(.*\) (0x.*/\1/p' <<<"$ldd_out")"
   [ -n "$thrift_path" ] || fail "$exe does not load a libthrift-<version>.so"
   [ "$(realpath "$(dirname "$thrift_path")")" = "$thrift_libdir" ] ||

@@ -1,0 +1,208 @@
+#include <thriftusb/cipher/Sm4Cipher.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <stdexcept>
+
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+
+namespace {
+
+// Bytes in a key, an initialisation vector and a cipher block.
+constexpr long kBlock = 16;
+
+// EVP counts lengths in int. Longer buffers go through in pieces of this size, a
+// multiple of the block size, so that only the last piece can end in a partial block.
+constexpr long kMaxPiece = 1L << 30;
+
+} // namespace
+
+struct Sm4Cipher::State {
+  Mode mode = Mode::ECB;
+  unsigned char key[kBlock] = {};
+  unsigned char iv[kBlock] = {};
+  EVP_CIPHER* cipher = nullptr;
+  EVP_CIPHER_CTX* ctx = nullptr;
+
+  State() = default;
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  ~State() {
+    // Freeing the context also wipes the key schedule it holds.
+    EVP_CIPHER_CTX_free(ctx);
+    EVP_CIPHER_free(cipher);
+    OPENSSL_cleanse(key, sizeof key);
+    OPENSSL_cleanse(iv, sizeof iv);
+  }
+
+  // Starts a new message: every call is ciphered on its own, so CBC restarts from
+  // the initialisation vector each time.
+  bool begin(int enc, int padding) {
+    return EVP_CipherInit_ex2(ctx, cipher, key, mode == Mode::CBC ? iv : nullptr, enc,
+                              nullptr) == 1 &&
+           EVP_CIPHER_CTX_set_padding(ctx, padding) == 1;
+  }
+
+  // Feeds @p len bytes through the context; adds the bytes written at @p out to
+  // @p produced.
+  bool update(const unsigned char* in, long len, unsigned char* out, long& produced) {
+    while (len > 0) {
+      const int piece = static_cast<int>(std::min(len, kMaxPiece));
+      int written = 0;
+      if (EVP_CipherUpdate(ctx, out + produced, &written, in, piece) != 1) {
+        return false;
+      }
+      produced += written;
+      in += piece;
+      len -= piece;
+    }
+    return true;
+  }
+};
+
+namespace {
+
+// Ends a failed call: zeroes the @p written bytes already put at @p out, drops the
+// errors OpenSSL queued for this thread and reports nothing produced.
+int fail(unsigned char* out, long written, long* outLen) {
+  if (written > 0) {
+    OPENSSL_cleanse(out, static_cast<size_t>(written));
+  }
+  ERR_clear_error();
+  if (outLen != nullptr) {
+    *outLen = 0;
+  }
+  return -1;
+}
+
+} // namespace
+
+Sm4Cipher::Sm4Cipher(const std::string& key, Mode mode, const std::string& iv) {
+  if (key.size() != static_cast<size_t>(kBlock)) {
+    throw std::invalid_argument("Sm4Cipher: the key must be 16 bytes long, not " +
+                                std::to_string(key.size()));
+  }
+  const char* algorithm = nullptr;
+  switch (mode) {
+  case Mode::ECB:
+    if (!iv.empty()) {
+      throw std::invalid_argument(
+          "Sm4Cipher: ECB takes no initialisation vector, but one of " +
+          std::to_string(iv.size()) + " bytes was given");
+    }
+    algorithm = "SM4-ECB";
+    break;
+  case Mode::CBC:
+    if (iv.size() != static_cast<size_t>(kBlock)) {
+      throw std::invalid_argument(
+          "Sm4Cipher: CBC needs an initialisation vector of 16 bytes, not " +
+          std::to_string(iv.size()));
+    }
+    algorithm = "SM4-CBC";
+    break;
+  default:
+    throw std::invalid_argument("Sm4Cipher: unknown mode " +
+                                std::to_string(static_cast<int>(mode)));
+  }
+
+  state_.reset(new State);
+  state_->mode = mode;
+  std::memcpy(state_->key, key.data(), sizeof state_->key);
+  if (mode == Mode::CBC) {
+    std::memcpy(state_->iv, iv.data(), sizeof state_->iv);
+  }
+  state_->cipher = EVP_CIPHER_fetch(nullptr, algorithm, nullptr);
+  if (state_->cipher == nullptr) {
+    ERR_clear_error();
+    throw std::runtime_error(std::string("Sm4Cipher: OpenSSL provides no ") + algorithm);
+  }
+  state_->ctx = EVP_CIPHER_CTX_new();
+  if (state_->ctx == nullptr) {
+    ERR_clear_error();
+    throw std::runtime_error("Sm4Cipher: cannot allocate an OpenSSL cipher context");
+  }
+}
+
+Sm4Cipher::~Sm4Cipher() = default;
+
+int Sm4Cipher::encrypt(const unsigned char* in, long inLen, unsigned char* out, long* outLen) {
+  // The largest input whose padded length still fits a long.
+  constexpr long kMaxInput = LONG_MAX - kBlock;
+  if (outLen == nullptr || out == nullptr || inLen < 0 || inLen > kMaxInput ||
+      (in == nullptr && inLen != 0)) {
+    return fail(out, 0, outLen);
+  }
+  const long room = *outLen;
+  // PKCS#7 always adds 1 to 16 bytes: the whole blocks of the input plus one more.
+  const long required = (inLen & ~(kBlock - 1)) + kBlock;
+  if (room < required) {
+    return fail(out, 0, outLen);
+  }
+
+  long produced = 0;
+  if (!state_->begin(1, 1) || !state_->update(in, inLen, out, produced)) {
+    return fail(out, produced, outLen);
+  }
+  int last = 0;
+  if (EVP_CipherFinal_ex(state_->ctx, out + produced, &last) != 1) {
+    return fail(out, produced, outLen);
+  }
+  produced += last;
+  if (produced != required) {
+    return fail(out, produced, outLen);
+  }
+  *outLen = produced;
+  return 0;
+}
+
+int Sm4Cipher::decrypt(const unsigned char* in, long inLen, unsigned char* out, long* outLen) {
+  if (outLen == nullptr || out == nullptr || in == nullptr || inLen <= 0 ||
+      inLen % kBlock != 0 || *outLen < 0) {
+    return fail(out, 0, outLen);
+  }
+  const long room = *outLen;
+  // All blocks but the last hold plain text only and are deciphered straight into
+  // the caller's buffer. The last one carries the padding and goes to a scratch
+  // block first, so that neither its padding nor bytes beyond the room are written
+  // before the padding has been checked.
+  const long leading = inLen - kBlock;
+  if (room < leading) {
+    return fail(out, 0, outLen);
+  }
+
+  long produced = 0;
+  unsigned char lastBlock[kBlock];
+  long lastProduced = 0;
+  // Padding is checked here rather than by EVP, which would write the whole last
+  // block to the output before looking at it.
+  if (!state_->begin(0, 0) || !state_->update(in, leading, out, produced) ||
+      produced != leading ||
+      !state_->update(in + leading, kBlock, lastBlock, lastProduced) || lastProduced != kBlock) {
+    OPENSSL_cleanse(lastBlock, sizeof lastBlock);
+    return fail(out, produced, outLen);
+  }
+
+  // PKCS#7: the last byte p is 1 to 16 and the last p bytes all hold p. Every byte
+  // is looked at whatever the outcome, so the time taken does not tell where the
+  // padding went wrong.
+  const unsigned pad = lastBlock[kBlock - 1];
+  unsigned bad = static_cast<unsigned>(pad == 0) | static_cast<unsigned>(pad > kBlock);
+  for (long i = 0; i < kBlock; ++i) {
+    const unsigned inPadding = static_cast<unsigned>(i >= kBlock - static_cast<long>(pad));
+    bad |= inPadding & static_cast<unsigned>(lastBlock[i] != pad);
+  }
+  const long tail = bad != 0 ? 0 : kBlock - static_cast<long>(pad);
+  if (bad != 0 || room - leading < tail) {
+    OPENSSL_cleanse(lastBlock, sizeof lastBlock);
+    return fail(out, produced, outLen);
+  }
+
+  std::memcpy(out + leading, lastBlock, static_cast<size_t>(tail));
+  OPENSSL_cleanse(lastBlock, sizeof lastBlock);
+  *outLen = leading + tail;
+  return 0;
+}

@@ -1,0 +1,142 @@
+#include <thriftusb/cipher/Sm4Cipher.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/FdIo.h"
+#include "support/TempDir.h"
+
+using Mode = Sm4Cipher::Mode;
+using namespace thriftusb::test;
+
+namespace {
+
+std::string hex(const std::string& bytes) {
+  std::string out;
+  for (unsigned char c : bytes) {
+    out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+  }
+  return out;
+}
+
+// The standard's example key, also its example plain text; any CBC vector.
+const std::string kKey = "\x01\x23\x45\x67\x89\xab\xcd\xef\xfe\xdc\xba\x98\x76\x54\x32\x10";
+const std::string kIv = "0123456789abcdef";
+constexpr unsigned char kFill = 0xa5;
+
+// One call with `room` bytes of room followed by a 32-byte guard region.
+struct Call {
+  Call(Sm4Cipher& cipher, bool encrypt, const std::string& in, long room)
+    : outLen(room), out(room + 32, kFill) {
+    const auto* data = reinterpret_cast<const unsigned char*>(in.data());
+    const long len = static_cast<long>(in.size());
+    rc = encrypt ? cipher.encrypt(data, len, out.data(), &outLen)
+                 : cipher.decrypt(data, len, out.data(), &outLen);
+  }
+  std::string produced() const { return std::string(out.begin(), out.begin() + outLen); }
+  bool untouchedFrom(long offset) const {
+    return std::all_of(out.begin() + offset, out.end(), [](unsigned char c) { return c == kFill; });
+  }
+  long outLen;
+  std::vector<unsigned char> out;
+  int rc;
+};
+
+// `openssl enc` with `options` on the same input, bounded by timeout(1).
+std::string opensslEnc(const std::string& options, const std::string& plain) {
+  TempDir dir;
+  std::ofstream(dir.file("in"), std::ios::binary) << plain;
+  const std::string command = "timeout -k 5 30 openssl enc " + options + " -K " + hex(kKey) +
+                              " -in '" + dir.file("in") + "' -out '" + dir.file("out") + "'";
+  if (std::system(command.c_str()) != 0) {
+    throw std::runtime_error("failed: " + command);
+  }
+  std::ifstream out(dir.file("out"), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(out), {});
+}
+
+} // namespace
+
+TEST(Sm4Cipher, GivesTheStandardsKnownAnswer) {
+  Sm4Cipher cipher(kKey, Mode::ECB);
+  const Call enc(cipher, true, kKey, 32);
+  ASSERT_EQ(0, enc.rc);
+  ASSERT_EQ(32, enc.outLen);
+  EXPECT_EQ("681edf34d206965e86b3e94f536e4246", hex(enc.produced().substr(0, 16)));
+}
+
+TEST(Sm4Cipher, AgreesWithOpensslAndRoundTripsInBothModes) {
+  for (const Mode mode : {Mode::ECB, Mode::CBC}) {
+    const std::string iv = mode == Mode::CBC ? kIv : "";
+    Sm4Cipher cipher(kKey, mode, iv); // one object for all lengths: each call starts afresh
+    for (const long n : {0L, 1L, 15L, 16L, 17L, 1000L}) {
+      SCOPED_TRACE(hex(iv) + " " + std::to_string(n));
+      const std::string plain = patternBytes(n, static_cast<unsigned>(n) + 1);
+      const Call enc(cipher, true, plain, (n & ~15L) + 16);
+      ASSERT_EQ(0, enc.rc);
+      EXPECT_EQ(hex(opensslEnc(iv.empty() ? "-sm4-ecb" : "-sm4-cbc -iv " + hex(iv), plain)),
+                hex(enc.produced()));
+      const Call dec(cipher, false, enc.produced(), n); // the exact length is room enough
+      ASSERT_EQ(0, dec.rc);
+      EXPECT_EQ(plain, dec.produced());
+      EXPECT_TRUE(dec.untouchedFrom(n));
+    }
+  }
+}
+
+TEST(Sm4Cipher, RefusesKeysAndVectorsOfTheWrongLength) {
+  EXPECT_THROW(Sm4Cipher(kKey.substr(1), Mode::ECB), std::invalid_argument);
+  EXPECT_THROW(Sm4Cipher(kKey + "x", Mode::CBC, kIv), std::invalid_argument);
+  EXPECT_THROW(Sm4Cipher(kKey, Mode::ECB, kIv), std::invalid_argument);
+  EXPECT_THROW(Sm4Cipher(kKey, Mode::CBC), std::invalid_argument);
+  EXPECT_THROW(Sm4Cipher(kKey, Mode::CBC, kIv.substr(1)), std::invalid_argument);
+}
+
+TEST(Sm4Cipher, EncryptRefusesTooLittleRoomWritingNothing) {
+  Sm4Cipher cipher(kKey, Mode::ECB);
+  const Call enc(cipher, true, std::string(16, 'a'), 31);
+  EXPECT_EQ(-1, enc.rc);
+  EXPECT_EQ(0, enc.outLen);
+  EXPECT_TRUE(enc.untouchedFrom(0));
+}
+
+TEST(Sm4Cipher, DecryptFailsWithoutWritingPastTheRoom) {
+  for (const Mode mode : {Mode::ECB, Mode::CBC}) {
+    Sm4Cipher cipher(kKey, mode, mode == Mode::CBC ? kIv : "");
+    // The first cipher block of 16 plain bytes deciphers alone to those bytes, whose
+    // last byte then plays the pad count.
+    auto block = [&](const std::string& tail) {
+      const std::string plain = std::string(16 - tail.size(), 'p') + tail;
+      return Call(cipher, true, plain, 32).produced().substr(0, 16);
+    };
+    const std::string valid = block("\x01");
+    ASSERT_EQ(15, Call(cipher, false, valid, 16).outLen);
+    const std::string seventeen = Call(cipher, true, std::string(17, 'q'), 32).produced();
+    // Bad padding, bad lengths, and 17 plain bytes with room for 16 or 15.
+    const std::pair<std::string, long> bad[] = {
+        {block(std::string(1, '\0')), 32}, {block("\x11"), 32}, {block("\x03\x02\x03"), 32},
+        {"", 32}, {std::string(15, 'c'), 32}, {std::string(17, 'c'), 32},
+        {seventeen, 16}, {seventeen, 15}};
+    for (const auto& [in, room] : bad) {
+      const Call dec(cipher, false, in, room);
+      EXPECT_EQ(-1, dec.rc) << hex(in) << " " << room;
+      EXPECT_EQ(0, dec.outLen);
+      EXPECT_TRUE(dec.untouchedFrom(room));
+    }
+    const auto* in = reinterpret_cast<const unsigned char*>(valid.data());
+    unsigned char out[16];
+    long room = -16;
+    EXPECT_EQ(-1, cipher.decrypt(in, 16, out, &room));
+    EXPECT_EQ(0, room);
+    room = 16;
+    EXPECT_EQ(-1, cipher.decrypt(in, 16, nullptr, &room));
+    EXPECT_EQ(0, room);
+  }
+}
