@@ -113,6 +113,14 @@ int statusFlags(int fd) {
   return ::fcntl(fd, F_GETFL);
 }
 
+std::multiset<int> accessModes(const std::set<int>& fds) {
+  std::multiset<int> modes;
+  for (int fd : fds) {
+    modes.insert(statusFlags(fd) & (O_ACCMODE | O_NONBLOCK));
+  }
+  return modes;
+}
+
 std::string patternBytes(size_t count, unsigned seed) {
   std::mt19937 random(seed);
   std::string out(count, '\0');

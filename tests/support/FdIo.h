@@ -72,6 +72,9 @@ std::set<int> descriptorsOpenedBy(Open&& open) {
 /** The open file status flags of @p fd (fcntl F_GETFL), or -1. */
 int statusFlags(int fd);
 
+/** The access mode and O_NONBLOCK flag (F_GETFL) of each of @p fds, one entry per descriptor. */
+std::multiset<int> accessModes(const std::set<int>& fds);
+
 /** @p count bytes of a repeatable pseudo-random sequence chosen by @p seed. */
 std::string patternBytes(size_t count, unsigned seed = 1);
 
