@@ -10,6 +10,7 @@
 // transport takes SIGINT over for the whole process to stop its own threads.) Exits 0
 // after a clean stop, 1 on failure, 2 on bad usage.
 
+#include <atomic>
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -47,23 +48,34 @@ int main(int argc, char** argv) {
   sigaddset(&term, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
   apache::thrift::GlobalOutput.setOutputFunction(printThriftLog);
+  std::shared_ptr<apache::thrift::server::TSimpleServer> server;
   try {
-    auto server = thriftusb::example::makeGadgetServer(
+    server = thriftusb::example::makeGadgetServer(
         thriftusb::example::makeGadgetServerTransport(options.readNode, options.writeNode),
         std::make_shared<thriftusb::example::GadgetHandler>(std::cout), options.cipher);
-    std::thread terminator([&server, &term] {
-      int received = 0;
-      sigwait(&term, &received);
-      server->stop();
-    });
-    terminator.detach();
-    std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
-              << " (out)" << (options.cipher ? ", encrypted" : "") << std::endl;
-    server->serve();
-    std::cout << "server: stopped" << std::endl;
-    return 0;
   } catch (const std::exception& e) {
     std::cerr << "server: failed: " << e.what() << std::endl;
     return 1;
   }
+  std::atomic<bool> serving{true};
+  std::thread terminator([&server, &term, &serving] {
+    int received = 0;
+    sigwait(&term, &received);
+    thriftusb::example::stopServer(*server, [&serving] { return !serving.load(); });
+  });
+  std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
+            << " (out)" << (options.cipher ? ", encrypted" : "") << std::endl;
+  int status = 0;
+  try {
+    server->serve();
+    std::cout << "server: stopped" << std::endl;
+  } catch (const std::exception& e) {
+    std::cerr << "server: failed: " << e.what() << std::endl;
+    status = 1;
+  }
+  // The terminator may still wait for its signal (serve() failed by itself): wake it.
+  serving = false;
+  pthread_kill(terminator.native_handle(), SIGTERM);
+  terminator.join();
+  return status;
 }
