@@ -15,6 +15,7 @@ packages=(
   libthrift-dev thrift-compiler
   libgtest-dev libgmock-dev libbenchmark-dev
   umockdev libumockdev-dev
+  cups-daemon cups-client
 )
 
 log() { printf 'setup: %s\n' "$*"; }
