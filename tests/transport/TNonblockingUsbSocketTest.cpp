@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -13,6 +14,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 
 #include <gtest/gtest.h>
 
@@ -42,6 +44,19 @@ size_t threadCount() {
     ++n;
   }
   return n;
+}
+
+// Whether some thread of this process is inside the write system call (the writer
+// thread blocked on a full FIFO: no other thread of these tests writes).
+bool aThreadIsBlockedInWrite() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream syscall(entry.path() / "syscall");
+    long number = -1;
+    if (syscall >> number && number == SYS_write) {
+      return true;
+    }
+  }
+  return false;
 }
 
 // A transport on the host end of a virtual cable, with the test's own ends of the
@@ -244,10 +259,12 @@ TEST(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) 
   link.socket.open();
   const auto data = bytesOf(patternBytes(65536 + 2048));
   link.socket.write(data.data(), static_cast<uint32_t>(data.size()));
-  // Wait until the FIFO is full: from then on the queue stays as it is.
+  // Wait until the FIFO is full and the writer thread has taken its next block and
+  // blocks with it: from then on the queue stays as it is.
   ASSERT_TRUE(waitUntil([&] {
     int queued = 0;
-    return ::ioctl(link.peerIn.get(), FIONREAD, &queued) == 0 && queued == 65536;
+    return ::ioctl(link.peerIn.get(), FIONREAD, &queued) == 0 && queued == 65536 &&
+           aThreadIsBlockedInWrite();
   }));
 
   // The writer thread is stuck in the full FIFO; the flush's polls pass in virtual
