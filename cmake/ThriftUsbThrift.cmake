@@ -29,14 +29,27 @@ string(REGEX MATCH "^([0-9]+)\\.([0-9]+)" _thriftusb_mm "${THRIFTUSB_THRIFT_VERS
 set(THRIFTUSB_THRIFT_VERSION_MAJOR "${CMAKE_MATCH_1}")
 set(THRIFTUSB_THRIFT_VERSION_MINOR "${CMAKE_MATCH_2}")
 
+# pkg-config looks at the chosen prefix alone while it finds Thrift; its variables are
+# put back afterwards exactly as they were, unset ones unset again (an empty
+# PKG_CONFIG_LIBDIR would hide every system package from later searches).
 find_package(PkgConfig REQUIRED)
-set(_thriftusb_saved_libdir "$ENV{PKG_CONFIG_LIBDIR}")
-set(_thriftusb_saved_path "$ENV{PKG_CONFIG_PATH}")
+foreach(_thriftusb_var IN ITEMS PKG_CONFIG_LIBDIR PKG_CONFIG_PATH)
+  if(DEFINED ENV{${_thriftusb_var}})
+    set(_thriftusb_saved_${_thriftusb_var} "$ENV{${_thriftusb_var}}")
+  else()
+    unset(_thriftusb_saved_${_thriftusb_var})
+  endif()
+endforeach()
 set(ENV{PKG_CONFIG_LIBDIR} "${THRIFTUSB_THRIFT_PCDIR}")
 set(ENV{PKG_CONFIG_PATH} "")
 pkg_check_modules(thrift REQUIRED IMPORTED_TARGET GLOBAL thrift=${THRIFTUSB_THRIFT_VERSION})
-set(ENV{PKG_CONFIG_LIBDIR} "${_thriftusb_saved_libdir}")
-set(ENV{PKG_CONFIG_PATH} "${_thriftusb_saved_path}")
+foreach(_thriftusb_var IN ITEMS PKG_CONFIG_LIBDIR PKG_CONFIG_PATH)
+  if(DEFINED _thriftusb_saved_${_thriftusb_var})
+    set(ENV{${_thriftusb_var}} "${_thriftusb_saved_${_thriftusb_var}}")
+  else()
+    unset(ENV{${_thriftusb_var}})
+  endif()
+endforeach()
 
 # The IDL compiler must be the one of the same release as the runtime.
 find_program(THRIFTUSB_THRIFT_COMPILER thrift
