@@ -8,7 +8,8 @@ set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
-# Debian 12 packages the build, the tests, the benchmarks and the examples use.
+# Debian 12 packages the build, the tests, the benchmarks, the examples and the API
+# reference (doxygen) use.
 packages=(
   cmake ninja-build pkg-config g++ patchelf
   libboost-dev libssl-dev libusb-1.0-0-dev libcups2-dev
@@ -16,6 +17,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   umockdev libumockdev-dev
   cups-daemon cups-client
+  doxygen
+  gnuplot-nox libgcrypt20-dev
+  clang libclang-rt-14-dev
 )
 
 log() { printf 'setup: %s\n' "$*"; }

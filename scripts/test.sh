@@ -2,9 +2,11 @@
 # The whole test suite in one command: installs what is missing (scripts/setup.sh),
 # then builds and runs every test against Thrift 0.13 and Thrift 0.17, and once more
 # under AddressSanitizer with UndefinedBehaviorSanitizer, and under ThreadSanitizer. Exits non-zero on any failure.
+# First it runs each fuzz target for a short while (scripts/fuzz.sh; THRIFTUSB_FUZZ_SECONDS
+# per target, default 45).
 #
 #   scripts/test.sh                 all suites
-#   scripts/test.sh thrift-0.17     only the named suites (thrift-0.13, thrift-0.17, asan-ubsan, tsan)
+#   scripts/test.sh thrift-0.17     only the named suites (fuzz, thrift-0.13, thrift-0.17, asan-ubsan, tsan)
 set -uo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -24,6 +26,11 @@ suite_options() {
 
 run_suite() {
   local name="$1" dir="$root/build/$1" options
+  if [ "$name" = fuzz ]; then
+    echo "=== fuzz ==="
+    THRIFTUSB_SKIP_SETUP=1 bash "$root/scripts/fuzz.sh" "${THRIFTUSB_FUZZ_SECONDS:-45}"
+    return
+  fi
   options="$(suite_options "$name")" || { echo "unknown suite: $name" >&2; return 1; }
   echo "=== $name ==="
   # shellcheck disable=SC2086  # options are words on purpose
@@ -36,7 +43,7 @@ run_suite() {
 }
 
 suites=("$@")
-[ "${#suites[@]}" -gt 0 ] || suites=(thrift-0.13 thrift-0.17 asan-ubsan tsan)
+[ "${#suites[@]}" -gt 0 ] || suites=(fuzz thrift-0.13 thrift-0.17 asan-ubsan tsan)
 
 failed=()
 for suite in "${suites[@]}"; do

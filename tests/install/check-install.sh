@@ -9,11 +9,15 @@
 # library, the headers, the CMake package files and the pkg-config file. Moving the
 # tree proves that nothing installed depends on the prefix it was installed into.
 #
+# With --installed-prefix=DIR the tree is not installed here: DIR is a tree installed
+# by other means (check-deb.sh passes the /usr of a root the Debian packages were
+# installed into), and everything after the install step is checked on it.
+#
 # Called by CTest (tests/install/CMakeLists.txt) with --name=value arguments. Exits 0
 # when every check passes, 1 with a message naming the failed check otherwise.
 set -euo pipefail
 
-me="install.consumer"
+me="${CHECK_INSTALL_NAME:-install.consumer}"
 fail() {
   printf '%s: FAIL: %s\n' "$me" "$*" >&2
   exit 1
@@ -23,6 +27,7 @@ step() { printf '%s: %s\n' "$me" "$*"; }
 build_dir="" source_include_dir="" consumer_dir="" cmake="" generator="" make_program=""
 cxx="" pkg_config="" thrift_pcdir="" libdir="" includedir="" linker_file="" soname_file=""
 real_file="" cipher_soname_file="" version_header="" readelf="" sanitize="" werror="OFF"
+installed_prefix=""
 for arg in "$@"; do
   case "$arg" in
     --build-dir=*) build_dir="${arg#*=}" ;;
@@ -44,6 +49,7 @@ for arg in "$@"; do
     --readelf=*) readelf="${arg#*=}" ;;
     --sanitize=*) sanitize="${arg#*=}" ;;
     --werror=*) werror="${arg#*=}" ;;
+    --installed-prefix=*) installed_prefix="${arg#*=}" ;;
     *) fail "unknown argument '$arg'" ;;
   esac
 done
@@ -81,15 +87,22 @@ san_flags=()
 [ -n "$sanitize" ] && san_flags=("-fsanitize=$sanitize" -fno-omit-frame-pointer)
 
 # --- install, then move ---------------------------------------------------------
-staged="$tmp/staged"
-step "cmake --install $build_dir --prefix $staged"
-run "$tmp/install.log" "$cmake" --install "$build_dir" --prefix "$staged" ||
-  fail "cmake --install of $build_dir failed"
-mkdir "$tmp/moved"
-mv "$staged" "$tmp/moved/prefix"
-prefix="$tmp/moved/prefix"
+staged=""
+if [ -n "$installed_prefix" ]; then
+  [ -d "$installed_prefix" ] || fail "--installed-prefix $installed_prefix is no directory"
+  prefix="$installed_prefix"
+  step "checking the tree installed in $prefix"
+else
+  staged="$tmp/staged"
+  step "cmake --install $build_dir --prefix $staged"
+  run "$tmp/install.log" "$cmake" --install "$build_dir" --prefix "$staged" ||
+    fail "cmake --install of $build_dir failed"
+  mkdir "$tmp/moved"
+  mv "$staged" "$tmp/moved/prefix"
+  prefix="$tmp/moved/prefix"
+  step "installed tree moved to $prefix"
+fi
 lib="$prefix/$libdir"
-step "installed tree moved to $prefix"
 
 # --- the installed tree ---------------------------------------------------------
 if [ ! -f "$lib/$real_file" ] || [ -L "$lib/$real_file" ]; then
@@ -139,7 +152,7 @@ done
 
 # Nothing installed may refer to the prefix it was installed into, nor (in text
 # files) to the build tree.
-if grep -rlF "$staged" "$prefix" >"$tmp/mentions.txt"; then
+if [ -n "$staged" ] && grep -rlF "$staged" "$prefix" >"$tmp/mentions.txt"; then
   fail "installed files name the install prefix $staged: $(tr '\n' ' ' <"$tmp/mentions.txt")"
 fi
 if grep -rlIF "$build_dir" "$prefix" >"$tmp/mentions.txt"; then

@@ -35,7 +35,10 @@ extern uint8_t buf[8192];
  */
 class TNullProtocol : public TVirtualProtocol<TNullProtocol, TProtocolDefaults> {
 public:
-  /** Reads from @p trans; holds a reference to it. */
+  /**
+   * Reads from @p trans; holds a reference to it.
+   * @param trans  the transport whose bytes readBinary() hands over
+   */
   explicit TNullProtocol(std::shared_ptr<transport::TTransport> trans);
 
   /**
@@ -43,6 +46,7 @@ public:
    * them; bytes beyond those stay in the transport for the next call. A transport
    * that delivers nothing gives an empty string.
    *
+   * @param str  receives the bytes
    * @return the number of bytes read, also 0
    * @throws TTransportException whatever the transport's read() throws; @p str is
    *         then left as it was

@@ -48,7 +48,7 @@ public:
   /** Marks the channel closed; neither flushes nor closes standard output. @return 0 */
   int close() override;
 
-  /** Whether open() was called more recently than close(). */
+  /** @return whether open() was called more recently than close() */
   bool isOpen() override;
 
   /** fflush() of standard output. @return 0, whatever fflush() reports */
@@ -56,6 +56,8 @@ public:
 
   /**
    * Takes what the printer has sent, without waiting.
+   * @param buf  where the bytes go
+   * @param len  the most bytes to take
    * @return bytes read; 0 when nothing is waiting, at end of data or when the back
    *         channel is unusable; -1 when the channel is closed or @p len is above the
    *         read block size
@@ -64,6 +66,8 @@ public:
 
   /**
    * One fwrite() of @p len bytes to standard output; nothing is flushed.
+   * @param buf  the bytes to send
+   * @param len  how many of them
    * @return @p len, or -1 when the channel is closed, @p len is above the write block
    *         size (nothing written) or the stream took fewer bytes
    */

@@ -37,6 +37,8 @@ public:
    * with both buffers allocated at their full sizes. Nothing is opened, read or
    * written.
    *
+   * @param trans  the transport to wrap (the connection a server accepted)
+   * @return the new buffered transport
    * @throws std::bad_alloc when the buffers cannot be allocated; nothing is made then
    */
   std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> trans) override;

@@ -96,6 +96,18 @@ public:
   /**
    * As above, on an interface with @p interfaceProtocol (low byte compared; 0
    * accepts any protocol).
+   *
+   * @param vendorId           idVendor of the device
+   * @param productId          idProduct of the device
+   * @param interfaceClass     bInterfaceClass of the interface
+   * @param interfaceSubClass  bInterfaceSubClass of the interface
+   * @param interfaceProtocol  bInterfaceProtocol of the interface; 0: any
+   * @param nonblocking        passed to the transport (see UsbDevice)
+   * @param readTimeout        ms each bulk IN and control transfer may wait; 0: no limit
+   * @param writeTimeout       ms each bulk OUT transfer may wait; 0: no limit
+   * @param maxReadBlockSize   largest length one read() accepts
+   * @param maxWriteBlockSize  largest length one write() accepts
+   * @param ownContext         a libusb context of its own (see the first constructor)
    */
   TLibusbDevice(unsigned short vendorId, unsigned short productId, unsigned short interfaceClass,
                 unsigned short interfaceSubClass, unsigned short interfaceProtocol,
@@ -109,6 +121,19 @@ public:
    * A null @p serialNumber is taken as the empty text. Only the first 255 characters
    * are kept; since a USB string descriptor holds at most 126 characters, a longer
    * text matches no device, and open() then fails instead of picking another one.
+   *
+   * @param vendorId           idVendor of the device
+   * @param productId          idProduct of the device
+   * @param serialNumber       text the device's serial number must contain
+   * @param interfaceClass     bInterfaceClass of the interface
+   * @param interfaceSubClass  bInterfaceSubClass of the interface
+   * @param interfaceProtocol  bInterfaceProtocol of the interface; 0: any
+   * @param nonblocking        passed to the transport (see UsbDevice)
+   * @param readTimeout        ms each bulk IN and control transfer may wait; 0: no limit
+   * @param writeTimeout       ms each bulk OUT transfer may wait; 0: no limit
+   * @param maxReadBlockSize   largest length one read() accepts
+   * @param maxWriteBlockSize  largest length one write() accepts
+   * @param ownContext         a libusb context of its own (see the first constructor)
    */
   TLibusbDevice(unsigned short vendorId, unsigned short productId, const char* serialNumber,
                 unsigned short interfaceClass, unsigned short interfaceSubClass,
@@ -136,7 +161,7 @@ public:
    */
   int close() override;
 
-  /** True while the device handle is held. */
+  /** @return true while the device handle is held */
   bool isOpen() override;
 
   /** Nothing is buffered: every write is a finished transfer. @return 0, always */
@@ -147,6 +172,8 @@ public:
    * five stalls in a row) and, once a millisecond, after zero-length packets until
    * the read time-out has passed since the call began.
    *
+   * @param buf  where the bytes go
+   * @param len  the most bytes to take
    * @return bytes received (> 0); 0 when nothing came within the read time-out; -1
    *         when closed or @p len is above maxReadBlockSize_; otherwise libusb's
    *         negative error code (LIBUSB_ERROR_PIPE after the fifth stall)
@@ -157,6 +184,8 @@ public:
    * One bulk OUT transfer of @p len bytes, repeated after a cleared stall (up to five
    * stalls in a row).
    *
+   * @param buf  the bytes to send
+   * @param len  how many of them
    * @return bytes sent as libusb reports them (may be fewer than @p len); -1 on any
    *         failure, the time-out included
    */
@@ -216,6 +245,8 @@ public:
   /**
    * Notes the bulk endpoints of @p alt in @p user (the last of each direction wins).
    *
+   * @param alt   an alternate setting of a candidate interface
+   * @param user  the search record; receives the endpoint addresses
    * @return 1 when the setting has at least one bulk IN and one bulk OUT endpoint,
    *         else 0
    */

@@ -44,6 +44,8 @@ public:
    * Makes a new TNonblockingSecurityTransport over @p trans. Nothing is opened, read
    * or written.
    *
+   * @param trans  the transport to wrap (the connection a server accepted)
+   * @return the new framed transport
    * @throws std::invalid_argument when @p trans is null
    */
   std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> trans) override;

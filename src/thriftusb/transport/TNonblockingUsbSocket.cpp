@@ -48,6 +48,18 @@ void installSigintHandler() {
   ::signal(SIGINT, setQuitOnSigint);
 }
 
+// A loop thread starts with the signal mask of the thread that opened the transport.
+// Where that thread blocks SIGINT (an application that takes its signals with
+// sigwait, say), the loop thread would never receive the SIGINT that close() sends it
+// and close() would wait for it for ever; so each loop thread accepts SIGINT for
+// itself. A SIGINT sent before this is held pending and arrives here.
+void acceptStopSignal() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  ::pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
+}
+
 [[noreturn]] void fail(TTransportException::TTransportExceptionType type, const char* message) {
   throw TTransportException(type, message);
 }
@@ -300,6 +312,7 @@ void TNonblockingUsbSocket::flush() {
 }
 
 void TNonblockingUsbSocket::readLoop() {
+  acceptStopSignal();
   const uint32_t blockSize = device_->maxReadBlockSize_;
   auto block = std::make_unique<uint8_t[]>(blockSize);
   while (quit == 0) {
@@ -328,6 +341,7 @@ void TNonblockingUsbSocket::readLoop() {
 }
 
 void TNonblockingUsbSocket::writeLoop() {
+  acceptStopSignal();
   const uint32_t blockSize = device_->maxWriteBlockSize_;
   auto block = std::make_unique<uint8_t[]>(blockSize);
   bool channelFailed = false;

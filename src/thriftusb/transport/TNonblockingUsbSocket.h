@@ -63,10 +63,15 @@ public:
   TNonblockingUsbSocket(const TNonblockingUsbSocket&) = delete;
   TNonblockingUsbSocket& operator=(const TNonblockingUsbSocket&) = delete;
 
-  /** The channel's isOpen(); the threads play no part. */
+  /** @return the channel's isOpen(); the threads play no part */
   bool isOpen() const override;
 
-  /** @throws TTransportException UNKNOWN "Not supported.", always. */
+  /**
+   * Not supported: the transport cannot tell whether bytes are waiting without
+   * taking them.
+   * @return nothing; it always throws
+   * @throws TTransportException UNKNOWN "Not supported.", always.
+   */
   bool peek() override;
 
   /**
@@ -98,6 +103,8 @@ public:
   /**
    * Delivers what has arrived, up to @p len bytes; never waits.
    *
+   * @param buf  where the bytes go
+   * @param len  the most bytes to deliver; at most the channel's read block size
    * @return bytes delivered, 0 when nothing has arrived
    * @throws TTransportException BAD_ARGS when @p len exceeds the channel's read block
    *         size, INTERRUPTED when the channel failed or the reader thread is not running.
@@ -107,6 +114,9 @@ public:
   /**
    * Delivers exactly @p len bytes, polling every 10 ms while nothing arrives.
    *
+   * @param buf  where the bytes go
+   * @param len  the bytes to deliver
+   * @return @p len
    * @throws TTransportException TIMED_OUT "read timeout." after readTimeout ms without a
    *         byte, and whatever read() throws.
    */
@@ -115,6 +125,8 @@ public:
   /**
    * Hands over up to @p len bytes; never waits.
    *
+   * @param buf  the bytes to send
+   * @param len  how many of them; at most the channel's write block size
    * @return bytes accepted, 0 when the channel or the queue cannot take any now
    * @throws TTransportException BAD_ARGS when @p len exceeds the channel's write block
    *         size, INTERRUPTED when the channel failed or the writer thread is not running.
@@ -124,6 +136,8 @@ public:
   /**
    * Hands over all @p len bytes, polling every 10 ms while none can be taken.
    *
+   * @param buf  the bytes to send
+   * @param len  how many of them
    * @throws TTransportException TIMED_OUT "write timeout." after writeTimeout ms without
    *         progress, and whatever write_partial() throws.
    */

@@ -60,10 +60,13 @@ public:
   TSecurityTransport(const TSecurityTransport&) = delete;
   TSecurityTransport& operator=(const TSecurityTransport&) = delete;
 
-  /** Whether the inner transport is open. */
+  /** @return whether the inner transport is open */
   bool isOpen() const override;
 
-  /** True when unread bytes of a frame are buffered; otherwise the inner peek(). */
+  /**
+   * @return true when unread bytes of a frame are buffered; otherwise the inner
+   *         transport's peek()
+   */
   bool peek() override;
 
   /** Opens the inner transport. */
@@ -81,22 +84,25 @@ public:
   void flush() override;
 
   /**
-   * Bytes of the frame just read, header included (payload length + 4). Then gives
-   * back the cipher-text read buffer if it exceeds the reclaim threshold, dropping
-   * what is unread of the frame.
+   * Ends the read of a message: gives back the cipher-text read buffer if it exceeds
+   * the reclaim threshold, dropping what is unread of the frame.
+   *
+   * @return the bytes of the frame just read, header included (payload length + 4)
    */
   uint32_t readEnd() override;
 
-  /** Bytes buffered for the next frame plus the 4-byte header slot. */
+  /** @return the bytes buffered for the next frame plus the 4-byte header slot */
   uint32_t writeEnd() override;
 
-  /** The inner transport's origin. */
+  /** @return the inner transport's origin */
   const std::string getOrigin() const override;
 
   /**
    * Slow path of read(): returns what is left of the current frame, or, when nothing
    * is, takes in the next frame and returns up to @p len of its bytes.
    *
+   * @param buf  where the bytes go
+   * @param len  the most bytes to deliver
    * @return bytes delivered; 0 when the inner transport has no next frame
    */
   uint32_t readSlow(uint8_t* buf, uint32_t len) override;
@@ -104,13 +110,20 @@ public:
   /**
    * Slow path of write(): grows the write buffer by doubling and buffers @p len bytes.
    *
+   * @param buf  the bytes to buffer
+   * @param len  how many of them
    * @throws TTransportException BAD_ARGS "Attempted to write over 2 GB to
    *         TSecurityTransport." when the frame would exceed 2^31 - 1 bytes; the
    *         bytes buffered before stay.
    */
   void writeSlow(const uint8_t* buf, uint32_t len) override;
 
-  /** Nothing can be borrowed beyond the bytes buffered: always null. */
+  /**
+   * Nothing can be borrowed beyond the bytes buffered.
+   * @param buf  not used
+   * @param len  not used
+   * @return null, always
+   */
   const uint8_t* borrowSlow(uint8_t* buf, uint32_t* len) override;
 
   /**

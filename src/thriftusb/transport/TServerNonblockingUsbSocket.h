@@ -54,7 +54,13 @@ public:
 
   /**
    * Two-node mode: bytes are read from @p readPath and written to @p writePath.
-   * Opens nothing; the other arguments are those of the one-node constructor.
+   * Opens nothing.
+   *
+   * @param readPath           device node read from (the host's requests)
+   * @param writePath          device node written to (the answers)
+   * @param nonblocking        as in the one-node constructor
+   * @param maxReadBlockSize   read block size of every channel
+   * @param maxWriteBlockSize  write block size of every channel
    */
   TServerNonblockingUsbSocket(const std::string& readPath, const std::string& writePath,
                               bool nonblocking, unsigned int maxReadBlockSize,
@@ -71,12 +77,15 @@ public:
    * node path (one-node mode) or the read path then the write path (two-node mode)
    * before every open attempt; an exception it throws leaves accept() unchanged.
    * An empty function removes the callback. Not to be called while accept() runs.
+   *
+   * @param callback  called with the path(s) before each open attempt
    */
   void setPreOpenCallback(PreOpenCallback callback);
 
   /**
-   * True while accept() may hand out transports, that is while the server transport
-   * is not interrupted (from construction or listen() until interrupt() or close()).
+   * @return true while accept() may hand out transports, that is while the server
+   *         transport is not interrupted (from construction or listen() until
+   *         interrupt() or close())
    */
   bool isOpen() const THRIFTUSB_SERVER_TRANSPORT_IS_OPEN_OVERRIDE;
 

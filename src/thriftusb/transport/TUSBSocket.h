@@ -60,10 +60,12 @@ public:
   TUSBSocket(const TUSBSocket&) = delete;
   TUSBSocket& operator=(const TUSBSocket&) = delete;
 
-  /** True when the node (or both nodes) is open. */
+  /** @return true when the node (or both nodes) is open */
   bool isOpen() const override;
 
-  /** Same as isOpen(): a device node cannot be asked for pending bytes cheaply. */
+  /**
+   * @return isOpen(): a device node cannot be asked for pending bytes cheaply
+   */
   bool peek() override;
 
   /**
@@ -88,13 +90,15 @@ public:
    */
   void flush() override;
 
-  /** Same as isOpen(). */
+  /** @return isOpen() */
   virtual bool hasPendingDataToRead();
 
   /**
    * Reads exactly @p len bytes, polling every millisecond while the node has none.
    * Waits for as long as the peer stays silent.
    *
+   * @param buf  where the bytes go
+   * @param len  the bytes to read
    * @return @p len
    * @throws TTransportException NOT_OPEN when closed, TIMED_OUT when the node reports
    *         end of data, UNKNOWN when the system call fails.
@@ -105,6 +109,8 @@ public:
    * Writes all @p len bytes in blocks of at most the block size, retrying at once
    * while the node is busy, then synchronises the write node (also when @p len is 0).
    *
+   * @param buf  the bytes to send
+   * @param len  how many of them
    * @throws TTransportException as write_partial() does.
    */
   virtual void write(const uint8_t* buf, uint32_t len);
@@ -112,6 +118,8 @@ public:
   /**
    * Makes one write system call of @p len bytes.
    *
+   * @param buf  the bytes to send
+   * @param len  how many of them; at most the block size
    * @return the bytes accepted, 0 when the node cannot take data now
    * @throws TTransportException NOT_OPEN when closed or when the node accepts 0 bytes,
    *         BAD_ARGS when @p len exceeds the block size, UNKNOWN when the system call

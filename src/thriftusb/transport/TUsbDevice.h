@@ -25,11 +25,25 @@ class TUsbDevice : public UsbDevice {
 public:
   /**
    * One-node mode over @p path. Opens nothing. An empty @p path makes open() fail.
+   *
+   * @param path               device node read and written
+   * @param nonblocking        open the node with O_NONBLOCK, so that read() and
+   *                           write() never wait (see UsbDevice)
+   * @param maxReadBlockSize   largest length one read() accepts
+   * @param maxWriteBlockSize  largest length one write() accepts
    */
   TUsbDevice(const std::string& path, bool nonblocking, unsigned int maxReadBlockSize,
              unsigned int maxWriteBlockSize);
 
-  /** Two-node mode: reads @p readPath, writes @p writePath. Opens nothing. */
+  /**
+   * Two-node mode: reads @p readPath, writes @p writePath. Opens nothing.
+   *
+   * @param readPath           device node read from (the peer's bytes)
+   * @param writePath          device node written to
+   * @param nonblocking        as in the one-node constructor
+   * @param maxReadBlockSize   largest length one read() accepts
+   * @param maxWriteBlockSize  largest length one write() accepts
+   */
   TUsbDevice(const std::string& readPath, const std::string& writePath, bool nonblocking,
              unsigned int maxReadBlockSize, unsigned int maxWriteBlockSize);
 
@@ -46,7 +60,7 @@ public:
   /** Closes the node(s). @return 0 */
   int close() override;
 
-  /** True when both descriptors are open. */
+  /** @return true when both descriptors are open */
   bool isOpen() override;
 
   /** fsync() of the write node. @return its result, 0 or -1 */
@@ -54,13 +68,19 @@ public:
 
   /**
    * One read() system call. Logs "Failed to read <error>." for failures other than
-   * EAGAIN. @return bytes read, 0 (no data, end of data, EAGAIN or EINTR), -1
+   * EAGAIN.
+   * @param buf  where the bytes go
+   * @param len  the most bytes to take
+   * @return bytes read, 0 (no data, end of data, EAGAIN or EINTR), -1
    */
   int64_t read(unsigned char* buf, unsigned int len) override;
 
   /**
    * One write() system call. Logs "Failed to write <error>." for failures other than
-   * EAGAIN. @return bytes written, 0 (EAGAIN or EINTR), -1
+   * EAGAIN.
+   * @param buf  the bytes to send
+   * @param len  how many of them
+   * @return bytes written, 0 (EAGAIN or EINTR), -1
    */
   int64_t write(const unsigned char* buf, unsigned int len) override;
 

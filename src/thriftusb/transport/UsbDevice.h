@@ -48,7 +48,7 @@ public:
   /** Releases the channel; isOpen() is false afterwards. @return 0, or -1 */
   virtual int close() = 0;
 
-  /** True while the channel is usable. */
+  /** @return true while the channel is usable */
   virtual bool isOpen() = 0;
 
   /** Pushes written bytes towards the device. @return 0, or -1 */
@@ -56,6 +56,8 @@ public:
 
   /**
    * Reads at most @p len bytes into @p buf.
+   * @param buf  where the bytes go; room for @p len bytes
+   * @param len  the most bytes to take
    * @return bytes read (> 0), 0 to try again, negative when broken or @p len is above
    *         the read block size
    */
@@ -63,6 +65,8 @@ public:
 
   /**
    * Writes at most @p len bytes from @p buf; a short count is returned as it is.
+   * @param buf  the bytes to send
+   * @param len  how many of them
    * @return bytes written (> 0), 0 to try again, negative when broken or @p len is
    *         above the write block size
    */

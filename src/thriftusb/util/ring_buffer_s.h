@@ -30,6 +30,7 @@ class ring_buffer_s {
 public:
   /**
    * Makes an empty buffer of @p capacity zeroed bytes.
+   * @param capacity  bytes the buffer holds, all usable
    * @throws std::invalid_argument when @p capacity is 0: such a buffer could hold
    *         nothing, and a queue that can never move a byte is a caller's mistake.
    */
@@ -40,20 +41,27 @@ public:
   ring_buffer_s(const ring_buffer_s&) = delete;
   ring_buffer_s& operator=(const ring_buffer_s&) = delete;
 
-  /** Bytes stored now; a snapshot, taken without a lock, that the other side may change at once. */
+  /**
+   * @return the bytes stored now; a snapshot, taken without a lock, that the other
+   *         side may change at once
+   */
   size_t size() const { return size_.load(); }
 
-  /** The capacity given at construction. */
+  /** @return the capacity given at construction */
   size_t capacity() const { return capacity_; }
 
   /**
    * Appends up to @p len bytes from @p src.
+   * @param src  the bytes to store
+   * @param len  how many of them
    * @return the bytes stored, 0 when the buffer is full (or @p len is 0)
    */
   size_t write(const void* src, unsigned long len);
 
   /**
    * Removes up to @p len of the oldest bytes into @p dst.
+   * @param dst  where the bytes go
+   * @param len  the most bytes to take
    * @return the bytes delivered, 0 when the buffer is empty (or @p len is 0)
    */
   size_t read(void* dst, unsigned long len);

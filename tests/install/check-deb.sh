@@ -1,0 +1,207 @@
+#!/usr/bin/env bash
+# Makes the Debian packages of a build tree with CPack, checks what is in them, installs
+# them with dpkg into a fresh root directory (never into the system), and proves a
+# consumer builds against the installed tree and runs (check-install.sh).
+#
+#   1. cpack -G DEB gives exactly libthriftusb_<version>-1_<arch>.deb and
+#      libthriftusb-dev_<version>-1_<arch>.deb;
+#   2. their control fields: names, version, architecture, the shlibs file, and the
+#      dependencies: on Debian's libthrift-<version> and libthrift-dev when the build
+#      used the system's Thrift (--thrift-pcdir under /usr/lib), on no Thrift package
+#      otherwise (the Thrift 0.13 of .deps/);
+#   3. their contents: the runtime package holds the two shared libraries and their
+#      SONAME links and no development file; the -dev package holds every header,
+#      the .so links, the CMake package and thriftusb.pc and no shared library;
+#   4. dpkg --root unpacks both into an empty root whose package database lists only
+#      the packages they depend on, as installed on this machine, and then checks
+#      that the dependencies are met (dpkg --configure --no-act: no maintainer
+#      script runs, nothing outside the root is touched);
+#   5. check-install.sh --installed-prefix=<root>/usr: the tree, and a consumer built
+#      with find_package(ThriftUsb) and with pkg-config, run.
+#
+# Called by CTest as install.deb with --name=value arguments: its own (--cpack,
+# --dpkg, --version, --thrift-version, --check-install) and those of
+# check-install.sh, which it passes on. Exits 0 when every check passes, 1 with a
+# message naming the failed check otherwise.
+set -euo pipefail
+
+me="install.deb"
+fail() {
+  printf '%s: FAIL: %s\n' "$me" "$*" >&2
+  exit 1
+}
+step() { printf '%s: %s\n' "$me" "$*"; }
+
+cpack="" dpkg="dpkg" version="" thrift_version="" check_install="" thrift_pcdir=""
+build_dir="" source_include_dir="" libdir="" includedir="" linker_file="" soname_file=""
+real_file="" cipher_soname_file="" version_header=""
+passed=()
+for arg in "$@"; do
+  case "$arg" in
+    --cpack=*) cpack="${arg#*=}" ;;
+    --dpkg=*) dpkg="${arg#*=}" ;;
+    --version=*) version="${arg#*=}" ;;
+    --thrift-version=*) thrift_version="${arg#*=}" ;;
+    --check-install=*) check_install="${arg#*=}" ;;
+    *)
+      case "$arg" in
+        --build-dir=*) build_dir="${arg#*=}" ;;
+        --source-include-dir=*) source_include_dir="${arg#*=}" ;;
+        --libdir=*) libdir="${arg#*=}" ;;
+        --includedir=*) includedir="${arg#*=}" ;;
+        --linker-file=*) linker_file="${arg#*=}" ;;
+        --soname-file=*) soname_file="${arg#*=}" ;;
+        --real-file=*) real_file="${arg#*=}" ;;
+        --cipher-soname-file=*) cipher_soname_file="${arg#*=}" ;;
+        --version-header=*) version_header="${arg#*=}" ;;
+        --thrift-pcdir=*) thrift_pcdir="${arg#*=}" ;;
+        --*=*) ;;
+        *) fail "unknown argument '$arg'" ;;
+      esac
+      passed+=("$arg")
+      ;;
+  esac
+done
+for required in cpack version thrift_version thrift_pcdir check_install build_dir source_include_dir libdir includedir \
+                linker_file soname_file real_file cipher_soname_file version_header; do
+  [ -n "${!required}" ] || fail "missing argument --${required//_/-}"
+done
+
+started=$SECONDS
+tmp="$(mktemp -d "${TMPDIR:-/tmp}/thriftusb-deb.XXXXXX")"
+cleanup() { rm -rf "$tmp"; }
+trap cleanup EXIT
+
+# run LOG CMD...: runs CMD with its output in LOG; shows LOG when CMD fails.
+run() {
+  local log="$1"
+  shift
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log" >&2
+    return 1
+  fi
+}
+
+# --- 1. the packages ------------------------------------------------------------
+arch="$("$dpkg" --print-architecture)"
+release="$version-1"
+runtime_deb="libthriftusb_${release}_${arch}.deb"
+dev_deb="libthriftusb-dev_${release}_${arch}.deb"
+step "cpack -G DEB in $build_dir"
+run "$tmp/cpack.log" env -C "$build_dir" "$cpack" -G DEB -B "$tmp/packages" ||
+  fail "cpack -G DEB failed"
+made="$(cd "$tmp/packages" && ls -1 -- *.deb 2>/dev/null | sort | tr '\n' ' ')"
+[ "$made" = "$dev_deb $runtime_deb " ] ||
+  fail "cpack made '$made', expected $dev_deb and $runtime_deb"
+runtime="$tmp/packages/$runtime_deb"
+dev="$tmp/packages/$dev_deb"
+
+# --- 2. control fields ----------------------------------------------------------
+field() { dpkg-deb --field "$1" "$2"; }
+for pair in "$runtime libthriftusb" "$dev libthriftusb-dev"; do
+  read -r deb name <<<"$pair"
+  [ "$(field "$deb" Package)" = "$name" ] || fail "$deb: Package is not $name"
+  [ "$(field "$deb" Version)" = "$release" ] || fail "$deb: Version is not $release"
+  [ "$(field "$deb" Architecture)" = "$arch" ] || fail "$deb: Architecture is not $arch"
+done
+runtime_depends="$(field "$runtime" Depends)"
+dev_depends="$(field "$dev" Depends)"
+step "libthriftusb depends on: $runtime_depends"
+step "libthriftusb-dev depends on: $dev_depends"
+case ", $dev_depends," in
+  *", libthriftusb (= $release),"*) ;;
+  *) fail "libthriftusb-dev does not depend on libthriftusb (= $release)" ;;
+esac
+thrift_dependency=""
+case "$thrift_pcdir" in
+  /usr/lib/*) thrift_dependency="libthrift-$thrift_version" ;;
+esac
+if [ -n "$thrift_dependency" ]; then
+  case ", $runtime_depends," in
+    *", $thrift_dependency,"*) ;;
+    *) fail "libthriftusb does not depend on $thrift_dependency" ;;
+  esac
+  case "$dev_depends" in
+    *libthrift-dev*) ;;
+    *) fail "libthriftusb-dev does not depend on libthrift-dev" ;;
+  esac
+elif grep -q 'libthrift-' <<<"$runtime_depends $dev_depends"; then
+  fail "the packages depend on a Thrift package, though the build's Thrift has none"
+fi
+mkdir "$tmp/control"
+dpkg-deb --control "$runtime" "$tmp/control"
+for so in "$soname_file" "$cipher_soname_file"; do
+  grep -qx "${so%.so.*} ${so##*.so.} libthriftusb (>= $release)" "$tmp/control/shlibs" ||
+    fail "the shlibs file of libthriftusb has no line for $so: $(tr '\n' '|' <"$tmp/control/shlibs")"
+done
+
+# --- 3. contents ----------------------------------------------------------------
+# Paths as dpkg-deb lists them, without the leading "./" and trailing "/".
+contents() { dpkg-deb --contents "$1" | awk '{print $6}' | sed 's|^\./||; s|/$||'; }
+contents "$runtime" >"$tmp/runtime.txt"
+contents "$dev" >"$tmp/dev.txt"
+usr_lib="usr/$libdir"
+cipher_real="${cipher_soname_file}.${real_file#"$soname_file".}"
+for f in "$soname_file" "$real_file" "$cipher_soname_file" "$cipher_real"; do
+  grep -qx "$usr_lib/$f" "$tmp/runtime.txt" || fail "libthriftusb lacks /$usr_lib/$f"
+  if grep -qx "$usr_lib/$f" "$tmp/dev.txt"; then
+    fail "libthriftusb-dev holds /$usr_lib/$f"
+  fi
+done
+grep -qx 'usr/share/doc/libthriftusb/copyright' "$tmp/runtime.txt" ||
+  fail "libthriftusb lacks its copyright file"
+grep -qx 'usr/share/doc/libthriftusb-dev/copyright' "$tmp/dev.txt" ||
+  fail "libthriftusb-dev lacks its copyright file"
+if grep -E "^usr/$includedir/|\\.so$|/cmake/|\\.pc$" "$tmp/runtime.txt" >"$tmp/extra.txt"; then
+  fail "libthriftusb holds development files: $(tr '\n' ' ' <"$tmp/extra.txt")"
+fi
+while IFS= read -r -d '' h; do
+  h="${h#"$source_include_dir"/}"
+  grep -qx "usr/$includedir/$h" "$tmp/dev.txt" || fail "libthriftusb-dev lacks <$h>"
+done < <(find "$source_include_dir/thriftusb" -name '*.h' -print0)
+for f in "$usr_lib/$linker_file" "$usr_lib/libsm4-cipher.so" \
+         "usr/$includedir/thriftusb/util/$(basename "$version_header")" \
+         "$usr_lib/cmake/ThriftUsb/ThriftUsbConfig.cmake" \
+         "$usr_lib/cmake/ThriftUsb/ThriftUsbConfigVersion.cmake" \
+         "$usr_lib/cmake/ThriftUsb/ThriftUsbTargets.cmake" "$usr_lib/pkgconfig/thriftusb.pc"; do
+  grep -qx "$f" "$tmp/dev.txt" || fail "libthriftusb-dev lacks /$f"
+done
+step "both packages hold what they should ($(wc -l <"$tmp/runtime.txt") and $(wc -l <"$tmp/dev.txt") entries)"
+
+# --- 4. dpkg --root -------------------------------------------------------------
+# The root's package database holds the packages named in the dependencies that are
+# installed here, as dpkg records them here, and no files of theirs.
+root="$tmp/root"
+admin="$root/var/lib/dpkg"
+mkdir -p "$admin/info" "$admin/updates" "$admin/triggers"
+: >"$admin/status"
+: >"$admin/available"
+names="$(printf '%s, %s' "$runtime_depends" "$dev_depends" | tr ',|' '\n\n' |
+         sed 's/(.*//; s/:.*//; s/[[:space:]]//g' | grep -v '^$' | grep -vx 'libthriftusb' | sort -u)"
+for name in $names; do
+  if dpkg-query --status "$name" >"$tmp/stanza" 2>/dev/null &&
+     grep -qx 'Status: install ok installed' "$tmp/stanza"; then
+    cat "$tmp/stanza" >>"$admin/status"
+    printf '\n' >>"$admin/status"
+    package="$(sed -n 's/^Package: //p' "$tmp/stanza")"
+    if grep -qx 'Multi-Arch: same' "$tmp/stanza"; then
+      package="$package:$(sed -n 's/^Architecture: //p' "$tmp/stanza")"
+    fi
+    : >"$admin/info/$package.list"
+  fi
+done
+dpkg_root=("$dpkg" "--root=$root" --force-not-root)
+step "dpkg --root=$root --unpack $runtime_deb $dev_deb"
+run "$tmp/unpack.log" "${dpkg_root[@]}" --unpack "$runtime" "$dev" ||
+  fail "dpkg could not unpack the packages into $root"
+run "$tmp/configure.log" "${dpkg_root[@]}" --configure --no-act libthriftusb libthriftusb-dev ||
+  fail "the packages' dependencies are not met by the packages installed on this machine"
+for name in libthriftusb libthriftusb-dev; do
+  "${dpkg_root[@]}" --listfiles "$name" >/dev/null || fail "dpkg in $root does not know $name"
+done
+step "unpacked with dpkg, dependencies met"
+
+# --- 5. the installed tree and a consumer ---------------------------------------
+CHECK_INSTALL_NAME="$me" bash "$check_install" "${passed[@]}" "--installed-prefix=$root/usr" ||
+  exit 1
+step "PASS (packages, dpkg, consumer) in $((SECONDS - started)) s"
