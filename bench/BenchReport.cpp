@@ -218,6 +218,8 @@ void writeMarkdown(const std::string& path, const RunInfo& info, const std::vect
     out << "- " << setting << "\n";
   }
   out << "- Command: `" << info.command << "`, " << format(info.seconds, 3) << " s\n\n";
+  out << "How the figures are taken, and why each stack lands where it does: "
+         "[analysis.md](analysis.md).\n\n";
   out << "MB/s are 10^6 bytes per second of payload. Each throughput figure is the median of "
          "the timed repetitions (range: slowest and fastest); CPU % is the process's CPU time "
          "over the wall time while it ran (200 % = both cores busy).\n\n";

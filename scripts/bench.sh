@@ -5,7 +5,7 @@
 #   docs/bench/results.md    the same as tables, with the machine and the load
 #   docs/bench/throughput.png  bulk throughput by stack
 #
-#   bash scripts/bench.sh                      the full run (about 3 minutes)
+#   bash scripts/bench.sh                      the full run (about 2.5 minutes and the build)
 #   bash scripts/bench.sh --out=DIR ARGS...    results into DIR; ARGS go to the benchmark
 #                                              program (bash scripts/bench.sh --out=/tmp/b
 #                                              --quick for a run of a few seconds)
@@ -46,11 +46,15 @@ cmake --no-warn-unused-cli -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Re
 cmake --build "$build" -j "$jobs" --target thriftusb_bench
 
 mkdir -p "$out"
+out="$(cd "$out" && pwd)"
 plot_data="$build/throughput.dat"
-"$build/bench/thriftusb_bench" --csv="$out/results.csv" --md="$out/results.md" \
-  --plot-data="$plot_data" "${args[@]+"${args[@]}"}"
+# Run from the repository with paths relative to it where they lie inside it, so that
+# the command written into results.md is the same on every machine.
+rel() { case "$1" in "$root"/*) printf '%s\n' "${1#"$root"/}" ;; *) printf '%s\n' "$1" ;; esac; }
+(cd "$root" && "$(rel "$build")/bench/thriftusb_bench" --csv="$(rel "$out")/results.csv" \
+  --md="$(rel "$out")/results.md" --plot-data="$(rel "$plot_data")" "${args[@]+"${args[@]}"}")
 
-# The plot: one pair of bars per stack, stream and calls, on a logarithmic scale,
+# The plot: three bars per stack (stream, stream in 1 MiB frames, calls) on a logarithmic scale,
 # with the rate of a USB 3 link for reference.
 taken="$(sed -n 's/^Taken \(.*\)\.$/\1/p' "$out/results.md" | head -n 1)"
 stacks="$(grep -vc '^#' "$plot_data")"
