@@ -63,6 +63,9 @@ set(_thriftusb_thrift_line
 set(_thriftusb_runtime_depends
     "libc6 (>= 2.34)" "libstdc++6 (>= 11)" "libgcc-s1 (>= 3.0)" "libssl3 (>= 3.0.0)"
     "libusb-1.0-0 (>= 2:1.0.8)" "libcups2 (>= 1.4.0)")
+if(THRIFTUSB_SM4_LIBGCRYPT)
+  list(APPEND _thriftusb_runtime_depends "libgcrypt20 (>= 1.9)")
+endif()
 set(_thriftusb_dev_depends "pkgconf | pkg-config")
 if(THRIFTUSB_THRIFT_PCDIR MATCHES "^/usr/lib/")
   # The system's Thrift, from Debian's packages: libthrift-<version> holds the

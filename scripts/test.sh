@@ -17,7 +17,7 @@ bash "$root/scripts/setup.sh" || exit 1
 suite_options() {
   case "$1" in
     thrift-0.13) echo "" ;;
-    thrift-0.17) echo "-DTHRIFTUSB_THRIFT_PREFIX=/usr" ;;
+    thrift-0.17) echo "-DTHRIFTUSB_THRIFT_PREFIX=/usr -DTHRIFTUSB_SM4_LIBGCRYPT=ON" ;;
     asan-ubsan)  echo "-DTHRIFTUSB_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug" ;;
     tsan)        echo "-DTHRIFTUSB_SANITIZE=thread -DCMAKE_BUILD_TYPE=RelWithDebInfo" ;;
     *) return 1 ;;
