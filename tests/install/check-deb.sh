@@ -168,6 +168,25 @@ for f in "$usr_lib/$linker_file" "$usr_lib/libsm4-cipher.so" \
 done
 step "both packages hold what they should ($(wc -l <"$tmp/runtime.txt") and $(wc -l <"$tmp/dev.txt") entries)"
 
+# Each library the two shared libraries load must come from a package libthriftusb
+# depends on (libgcrypt20 only when the cipher was built with its libgcrypt backend).
+# A library no package owns, such as the Thrift 0.13 of .deps/, is left out.
+depends_names=" $(tr ',|' '\n\n' <<<"$runtime_depends" | sed 's/(.*//; s/[[:space:]]//g' | tr '\n' ' ') "
+dpkg-deb --extract "$runtime" "$tmp/runtime"
+for so in "$tmp/runtime/$usr_lib/$soname_file" "$tmp/runtime/$usr_lib/$cipher_soname_file"; do
+  for needed in $(objdump -p "$so" | awk '$1 == "NEEDED" {print $2}'); do
+    case "$needed" in libthriftusb.so.* | libsm4-cipher.so.*) continue ;; esac
+    owners="$(dpkg -S "*/$needed" 2>/dev/null | sed 's/: .*//; s/:[^,]*//g; s/,/ /g')"
+    [ -n "$owners" ] || continue
+    found=""
+    for owner in $owners; do
+      case "$depends_names" in *" $owner "*) found="$owner" ;; esac
+    done
+    [ -n "$found" ] || fail "$(basename "$so") loads $needed (from $owners), but libthriftusb does not depend on it"
+  done
+done
+step "every packaged library the shared libraries load is a dependency"
+
 # --- 4. dpkg --root -------------------------------------------------------------
 # The root's package database holds the packages named in the dependencies that are
 # installed here, as dpkg records them here, and no files of theirs.
