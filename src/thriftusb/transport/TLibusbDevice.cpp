@@ -31,6 +31,25 @@ void logHandleNull() {
   GlobalOutput.printf("*** TLibusbDevice usb handle is null!");
 }
 
+// Runs a transfer again while the device stalls it, clearing the halt of the bulk IN
+// endpoint each time, until it ends otherwise or the fifth stall in a row; returns
+// libusb's last result (LIBUSB_ERROR_PIPE when the stalls won).
+template <typename Transfer>
+int retryStalledIn(libusb_device_handle* handle, uint8_t endpointIn, Transfer transfer) {
+  for (int pipeErrors = 0;;) {
+    const int rv = transfer();
+    if (rv != LIBUSB_ERROR_PIPE) {
+      return rv;
+    }
+    libusb_clear_halt(handle, endpointIn);
+    GlobalOutput.printf("*** TLibusbDevice read  pipe error");
+    if (++pipeErrors > kMaxPipeErrors) {
+      GlobalOutput.printf("*** bulk_transfer read failed! rv:%d", rv);
+      return rv;
+    }
+  }
+}
+
 } // namespace
 
 TLibusbDevice::TLibusbDevice(unsigned short vendorId, unsigned short productId,
@@ -264,20 +283,12 @@ int64_t TLibusbDevice::read(unsigned char* buf, unsigned int len) {
   const Clock::time_point start = Clock::now();
   int received = 0;
   for (;;) {
-    int pipeErrors = 0;
-    int rv;
-    for (;;) {
-      rv = libusb_bulk_transfer(handle, userDevice_.endpointIn, buf, static_cast<int>(len),
-                                &received, readTimeout_);
-      if (rv != LIBUSB_ERROR_PIPE) {
-        break;
-      }
-      libusb_clear_halt(handle, userDevice_.endpointIn);
-      GlobalOutput.printf("*** TLibusbDevice read  pipe error");
-      if (++pipeErrors > kMaxPipeErrors) {
-        GlobalOutput.printf("*** bulk_transfer read failed! rv:%d", rv);
-        return rv;
-      }
+    const int rv = retryStalledIn(handle, userDevice_.endpointIn, [&] {
+      return libusb_bulk_transfer(handle, userDevice_.endpointIn, buf, static_cast<int>(len),
+                                  &received, readTimeout_);
+    });
+    if (rv == LIBUSB_ERROR_PIPE) {
+      return rv;
     }
     if (rv == LIBUSB_ERROR_TIMEOUT) {
       // Bytes received before the time-out are not reported.
@@ -347,24 +358,16 @@ int64_t TLibusbDevice::usbControlTransfer(int requestType, int request, int valu
   const uint16_t wLength = static_cast<uint16_t>(length & 0xffff);
   const Clock::time_point start = Clock::now();
   for (;;) {
-    int pipeErrors = 0;
-    int rv;
-    for (;;) {
-      rv = libusb_control_transfer(handle, static_cast<uint8_t>(requestType & 0xff),
-                                   static_cast<uint8_t>(request & 0xff),
-                                   static_cast<uint16_t>(value & 0xffff),
-                                   static_cast<uint16_t>(index & 0xffff), data, wLength,
-                                   readTimeout_);
-      if (rv != LIBUSB_ERROR_PIPE) {
-        break;
-      }
-      // The halt cleared is the bulk IN endpoint's, as for a stalled read.
-      libusb_clear_halt(handle, userDevice_.endpointIn);
-      GlobalOutput.printf("*** TLibusbDevice read  pipe error");
-      if (++pipeErrors > kMaxPipeErrors) {
-        GlobalOutput.printf("*** bulk_transfer read failed! rv:%d", rv);
-        return rv;
-      }
+    // The halt cleared on a stall is the bulk IN endpoint's, as for a stalled read.
+    const int rv = retryStalledIn(handle, userDevice_.endpointIn, [&] {
+      return libusb_control_transfer(handle, static_cast<uint8_t>(requestType & 0xff),
+                                     static_cast<uint8_t>(request & 0xff),
+                                     static_cast<uint16_t>(value & 0xffff),
+                                     static_cast<uint16_t>(index & 0xffff), data, wLength,
+                                     readTimeout_);
+    });
+    if (rv == LIBUSB_ERROR_PIPE) {
+      return rv;
     }
     if (rv == LIBUSB_ERROR_TIMEOUT) {
       GlobalOutput.printf("*** bulk_transfer read timeout : %d! try to read %d , read length : %d",
