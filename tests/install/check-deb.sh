@@ -26,61 +26,26 @@
 set -euo pipefail
 
 me="install.deb"
-fail() {
-  printf '%s: FAIL: %s\n' "$me" "$*" >&2
-  exit 1
-}
-step() { printf '%s: %s\n' "$me" "$*"; }
+# shellcheck source=tests/install/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-cpack="" dpkg="dpkg" version="" thrift_version="" check_install="" thrift_pcdir=""
+# Its own arguments; the others go on to check-install.sh, which also tells some of
+# them to this script.
+cpack="" dpkg="dpkg" version="" thrift_version="" check_install=""
+take_args cpack dpkg version thrift_version check_install -- "$@"
+passed=("${rest[@]}")
 build_dir="" source_include_dir="" libdir="" includedir="" linker_file="" soname_file=""
-real_file="" cipher_soname_file="" version_header=""
-passed=()
-for arg in "$@"; do
-  case "$arg" in
-    --cpack=*) cpack="${arg#*=}" ;;
-    --dpkg=*) dpkg="${arg#*=}" ;;
-    --version=*) version="${arg#*=}" ;;
-    --thrift-version=*) thrift_version="${arg#*=}" ;;
-    --check-install=*) check_install="${arg#*=}" ;;
-    *)
-      case "$arg" in
-        --build-dir=*) build_dir="${arg#*=}" ;;
-        --source-include-dir=*) source_include_dir="${arg#*=}" ;;
-        --libdir=*) libdir="${arg#*=}" ;;
-        --includedir=*) includedir="${arg#*=}" ;;
-        --linker-file=*) linker_file="${arg#*=}" ;;
-        --soname-file=*) soname_file="${arg#*=}" ;;
-        --real-file=*) real_file="${arg#*=}" ;;
-        --cipher-soname-file=*) cipher_soname_file="${arg#*=}" ;;
-        --version-header=*) version_header="${arg#*=}" ;;
-        --thrift-pcdir=*) thrift_pcdir="${arg#*=}" ;;
-        --*=*) ;;
-        *) fail "unknown argument '$arg'" ;;
-      esac
-      passed+=("$arg")
-      ;;
-  esac
-done
-for required in cpack version thrift_version thrift_pcdir check_install build_dir source_include_dir libdir includedir \
-                linker_file soname_file real_file cipher_soname_file version_header; do
-  [ -n "${!required}" ] || fail "missing argument --${required//_/-}"
-done
+real_file="" cipher_soname_file="" version_header="" thrift_pcdir=""
+take_args build_dir source_include_dir libdir includedir linker_file soname_file real_file \
+          cipher_soname_file version_header thrift_pcdir -- "${passed[@]}"
+require_args cpack version thrift_version thrift_pcdir check_install build_dir \
+             source_include_dir libdir includedir linker_file soname_file real_file \
+             cipher_soname_file version_header
 
 started=$SECONDS
 tmp="$(mktemp -d "${TMPDIR:-/tmp}/thriftusb-deb.XXXXXX")"
 cleanup() { rm -rf "$tmp"; }
 trap cleanup EXIT
-
-# run LOG CMD...: runs CMD with its output in LOG; shows LOG when CMD fails.
-run() {
-  local log="$1"
-  shift
-  if ! "$@" >"$log" 2>&1; then
-    cat "$log" >&2
-    return 1
-  fi
-}
 
 # --- 1. the packages ------------------------------------------------------------
 arch="$("$dpkg" --print-architecture)"

@@ -18,46 +18,20 @@
 set -euo pipefail
 
 me="${CHECK_INSTALL_NAME:-install.consumer}"
-fail() {
-  printf '%s: FAIL: %s\n' "$me" "$*" >&2
-  exit 1
-}
-step() { printf '%s: %s\n' "$me" "$*"; }
+# shellcheck source=tests/install/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 build_dir="" source_include_dir="" consumer_dir="" cmake="" generator="" make_program=""
 cxx="" pkg_config="" thrift_pcdir="" libdir="" includedir="" linker_file="" soname_file=""
 real_file="" cipher_soname_file="" version_header="" readelf="" sanitize="" werror="OFF"
 installed_prefix=""
-for arg in "$@"; do
-  case "$arg" in
-    --build-dir=*) build_dir="${arg#*=}" ;;
-    --source-include-dir=*) source_include_dir="${arg#*=}" ;;
-    --consumer-dir=*) consumer_dir="${arg#*=}" ;;
-    --cmake=*) cmake="${arg#*=}" ;;
-    --generator=*) generator="${arg#*=}" ;;
-    --make-program=*) make_program="${arg#*=}" ;;
-    --cxx=*) cxx="${arg#*=}" ;;
-    --pkg-config=*) pkg_config="${arg#*=}" ;;
-    --thrift-pcdir=*) thrift_pcdir="${arg#*=}" ;;
-    --libdir=*) libdir="${arg#*=}" ;;
-    --includedir=*) includedir="${arg#*=}" ;;
-    --linker-file=*) linker_file="${arg#*=}" ;;
-    --soname-file=*) soname_file="${arg#*=}" ;;
-    --real-file=*) real_file="${arg#*=}" ;;
-    --cipher-soname-file=*) cipher_soname_file="${arg#*=}" ;;
-    --version-header=*) version_header="${arg#*=}" ;;
-    --readelf=*) readelf="${arg#*=}" ;;
-    --sanitize=*) sanitize="${arg#*=}" ;;
-    --werror=*) werror="${arg#*=}" ;;
-    --installed-prefix=*) installed_prefix="${arg#*=}" ;;
-    *) fail "unknown argument '$arg'" ;;
-  esac
-done
-for required in build_dir source_include_dir consumer_dir cmake generator cxx pkg_config \
-                thrift_pcdir libdir includedir linker_file soname_file real_file \
-                cipher_soname_file version_header readelf; do
-  [ -n "${!required}" ] || fail "missing argument --${required//_/-}"
-done
+take_args build_dir source_include_dir consumer_dir cmake generator make_program cxx \
+          pkg_config thrift_pcdir libdir includedir linker_file soname_file real_file \
+          cipher_soname_file version_header readelf sanitize werror installed_prefix -- "$@"
+[ "${#rest[@]}" -eq 0 ] || fail "unknown argument '${rest[0]}'"
+require_args build_dir source_include_dir consumer_dir cmake generator cxx pkg_config \
+             thrift_pcdir libdir includedir linker_file soname_file real_file \
+             cipher_soname_file version_header readelf
 
 started=$SECONDS
 
@@ -68,16 +42,6 @@ unset LD_LIBRARY_PATH PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR CMAKE_PREFIX_PATH
 tmp="$(mktemp -d "${TMPDIR:-/tmp}/thriftusb-install.XXXXXX")"
 cleanup() { rm -rf "$tmp"; }
 trap cleanup EXIT
-
-# run LOG CMD...: runs CMD with its output in LOG; shows LOG when CMD fails.
-run() {
-  local log="$1"
-  shift
-  if ! "$@" >"$log" 2>&1; then
-    cat "$log" >&2
-    return 1
-  fi
-}
 
 flags=(-Wall -Wextra)
 [ "$werror" = "ON" ] && flags+=(-Werror)
