@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sys/wait.h>
@@ -171,11 +172,7 @@ TEST(LibusbClientArguments, IdentifiersAndInterfaceInHexWithAnOptionalSerial) {
       {{"1209:0001", "ff:00", "--serial"}, false, {}},
   };
   for (const Case& c : cases) {
-    std::string joined;
-    for (const auto& a : c.args) {
-      joined += "'" + a + "' ";
-    }
-    SCOPED_TRACE(joined);
+    SCOPED_TRACE(::testing::PrintToString(c.args));
     LibusbTarget target;
     std::string error;
     ASSERT_EQ(parseLibusbTarget(c.args, target, error), c.valid) << error;
@@ -183,11 +180,10 @@ TEST(LibusbClientArguments, IdentifiersAndInterfaceInHexWithAnOptionalSerial) {
       EXPECT_FALSE(error.empty());
       continue;
     }
-    EXPECT_EQ(target.vendor, c.target.vendor);
-    EXPECT_EQ(target.product, c.target.product);
-    EXPECT_EQ(target.serial, c.target.serial);
-    EXPECT_EQ(target.interfaceClass, c.target.interfaceClass);
-    EXPECT_EQ(target.interfaceSubClass, c.target.interfaceSubClass);
-    EXPECT_EQ(target.interfaceProtocol, c.target.interfaceProtocol);
+    auto fields = [](const LibusbTarget& t) {
+      return std::tie(t.vendor, t.product, t.serial, t.interfaceClass, t.interfaceSubClass,
+                      t.interfaceProtocol);
+    };
+    EXPECT_EQ(fields(target), fields(c.target));
   }
 }

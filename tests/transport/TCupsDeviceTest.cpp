@@ -6,7 +6,6 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -177,41 +176,29 @@ std::string steps(std::initializer_list<std::string> reports) {
   return joined;
 }
 
-struct Case {
-  const char* name;
-  BackChannel backChannel;
-  std::function<std::string(Filter&)> body;
-  std::string expected;
-};
-
-void runCases(const std::vector<Case>& cases) {
-  for (const auto& c : cases) {
-    EXPECT_EQ(runAsFilter(c.backChannel, c.body), c.expected) << c.name;
-  }
-}
-
 std::string threeReads(Filter& f) {
   return steps({f.open(), f.read(kBlock), f.read(kBlock), f.read(kBlock)});
 }
 
 } // namespace
 
-// Whatever descriptor 3 is, a read comes back at once: bytes when the printer sent
-// some, else 0, also where libcups itself would block (a blocking descriptor) or spin
-// (no descriptor).
-TEST(TCupsDeviceTest, ReadPollsTheBackChannelWithoutWaiting) {
-  runCases({
+TEST(TCupsDeviceTest, ReadsPollWritesWaitForFlushAndOnlyAnOpenChannelMovesBytes) {
+  const struct {
+    const char* name;
+    BackChannel backChannel;
+    std::function<std::string(Filter&)> body;
+    std::string expected;
+  } cases[] = {
+      // Whatever descriptor 3 is, a read comes back at once: bytes when the printer sent
+      // some, else 0, also where libcups itself would block (a blocking descriptor) or
+      // spin (no descriptor).
       {"data waiting", BackChannel::Waiting, threeReads, "0|abcd|ef|0"},
       {"nothing waiting", BackChannel::Idle, threeReads, "0|0|0|0"},
       {"end of data", BackChannel::Ended, threeReads, "0|abcd|ef|0"},
       {"blocking, data waiting", BackChannel::BlockingWaiting, threeReads, "0|abcd|ef|0"},
       {"blocking, nothing waiting", BackChannel::BlockingIdle, threeReads, "0|0|0|0"},
       {"descriptor 3 closed", BackChannel::Closed, threeReads, "0|0|0|0"},
-  });
-}
-
-TEST(TCupsDeviceTest, BlockSizesBoundReadsAndWrites) {
-  runCases({
+      // Block sizes bound reads and writes.
       {"read: one byte above the block size refused even with data waiting",
        BackChannel::Waiting,
        [](Filter& f) { return steps({f.open(), f.read(kBlock + 1), f.read(kBlock)}); },
@@ -224,13 +211,8 @@ TEST(TCupsDeviceTest, BlockSizesBoundReadsAndWrites) {
       {"write of 0 bytes", BackChannel::Idle,
        [](Filter& f) { return steps({f.open(), f.write(""), f.flush(), f.printed()}); },
        "0|0|0|"},
-  });
-}
-
-// Written bytes stay in standard output's buffer until flush(); close() leaves them
-// there for the stream's next flush.
-TEST(TCupsDeviceTest, BytesLeaveStandardOutputOnlyWhenFlushed) {
-  runCases({
+      // Written bytes stay in standard output's buffer until flush(); close() leaves
+      // them there for the stream's next flush.
       {"flush", BackChannel::Idle,
        [](Filter& f) {
          return steps({f.open(), f.write("abc"), f.write("d"), f.printed(), f.flush(),
@@ -243,13 +225,8 @@ TEST(TCupsDeviceTest, BytesLeaveStandardOutputOnlyWhenFlushed) {
                        std::to_string(std::fflush(stdout)), f.printed()});
        },
        "0|3|0||0|abc"},
-  });
-}
-
-// Closed (new, or after close()): reads and writes are refused without touching
-// either stream; open, close, open leaves it usable.
-TEST(TCupsDeviceTest, OnlyAnOpenChannelMovesBytes) {
-  runCases({
+      // Closed (new, or after close()): reads and writes are refused without touching
+      // either stream; open, close, open leaves it usable.
       {"new channel", BackChannel::Waiting,
        [](Filter& f) {
          return steps({f.isOpen(), f.read(kBlock), f.write("ab"), f.flush(), f.printed()});
@@ -262,5 +239,8 @@ TEST(TCupsDeviceTest, OnlyAnOpenChannelMovesBytes) {
                        f.printed()});
        },
        "0|0|closed|-1|-1|0|open|abcd|2|0|ab"},
-  });
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(runAsFilter(c.backChannel, c.body), c.expected) << c.name;
+  }
 }

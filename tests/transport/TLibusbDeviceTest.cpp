@@ -337,47 +337,100 @@ TEST_F(LibusbChannel, OpenWhenOpenDoesNothingAndClosedOrOversizedTransfersAreRef
 // ---------------------------------------------------------------------------
 // Transfers
 
-TEST_F(LibusbChannel, ReadOutcomes) {
+// Each pipe's outcomes as the device answers. A read asks for `arg` bytes; a write
+// sends "abc"; a control transfer of request type `arg` moves 4 bytes, and its stalls
+// are cleared on the bulk IN endpoint as a read's are.
+TEST_F(LibusbChannel, TransferOutcomes) {
   const Reply s = kStall;
+  const std::string wPipe = "*** TLibusbDevice write  pipe error";
+  const Lines readFailed = {kReadPipe, kReadPipe, kReadPipe, kReadPipe, kReadPipe,
+                            "*** bulk_transfer read failed! rv:-9"};
+  const std::string timedOut = "*** bulk_transfer read timeout : 50! try to read 4 , read length : ";
   struct Case {
     const char* name;
+    Pipe pipe;
+    int arg;
     std::vector<Reply> replies;
-    unsigned len;
     int64_t result;
-    std::string bytes;
+    std::string bytes;  // read, or accepted by the device, or the control buffer after
     Lines lines;
     int clears;
   } cases[] = {
-      {"data", {{"abc"}}, kBlock, 3, "abc", {}, 0},
-      {"zero-length packets, then data", {{""}, {""}, {"abc"}}, kBlock, 3, "abc", {}, 0},
-      {"four stalls, then data", {s, s, s, s, {"abc"}}, kBlock, 3, "abc", Lines(4, kReadPipe), 4},
-      {"five stalls", {s, s, s, s, s}, kBlock, -9, "",
-       {kReadPipe, kReadPipe, kReadPipe, kReadPipe, kReadPipe,
-        "*** bulk_transfer read failed! rv:-9"},
-       5},
-      {"time-out", {}, 4, 0, "",
-       {"*** bulk_transfer read timeout : 50! try to read 4 , read length : 0"}, 0},
-      {"time-out after some bytes", {{"xy", 0, true}}, 4, 0, "",
-       {"*** bulk_transfer read timeout : 50! try to read 4 , read length : 2"}, 0},
-      {"overflow", {{"abcdefgh", -EOVERFLOW}}, 4, 4, "abcd",
+      {"read data", Pipe::In, kBlock, {{"abc"}}, 3, "abc", {}, 0},
+      {"read zero-length packets, then data", Pipe::In, kBlock, {{""}, {""}, {"abc"}}, 3, "abc",
+       {}, 0},
+      {"read four stalls, then data", Pipe::In, kBlock, {s, s, s, s, {"abc"}}, 3, "abc",
+       Lines(4, kReadPipe), 4},
+      {"read five stalls", Pipe::In, kBlock, {s, s, s, s, s}, -9, "", readFailed, 5},
+      {"read time-out", Pipe::In, 4, {}, 0, "", {timedOut + "0"}, 0},
+      {"read time-out after some bytes", Pipe::In, 4, {{"xy", 0, true}}, 0, "", {timedOut + "2"},
+       0},
+      {"read overflow", Pipe::In, 4, {{"abcdefgh", -EOVERFLOW}}, 4, "abcd",
        {"*** bulk_transfer read overflow! try to read 4 , read length : 4"}, 0},
-      {"device gone", {{"", -ESHUTDOWN}}, 4, LIBUSB_ERROR_NO_DEVICE, "",
+      {"read, device gone", Pipe::In, 4, {{"", -ESHUTDOWN}}, LIBUSB_ERROR_NO_DEVICE, "",
        {"*** bulk_transfer read failed! rv:-4"}, 0},
+      {"write accepted", Pipe::Out, 0, {}, 3, "abc", {}, 0},
+      {"write four stalls, then accepted", Pipe::Out, 0, {s, s, s, s}, 3, "abc", Lines(4, wPipe),
+       4},
+      {"write five stalls", Pipe::Out, 0, {s, s, s, s, s}, -1, "",
+       {wPipe, wPipe, wPipe, wPipe, wPipe, "*** bulk_transfer OUT failed! rv:-9"}, 5},
+      {"write time-out", Pipe::Out, 0, {{"", 0, true}}, -1, "",
+       {"*** bulk_transfer OUT failed! rv:-7"}, 0},
+      {"write, device gone", Pipe::Out, 0, {{"", -ESHUTDOWN}}, -1, "",
+       {"*** bulk_transfer OUT failed! rv:-4"}, 0},
+      {"control IN data", Pipe::Control, 0xc0, {{"wxyz"}}, 4, "wxyz", {}, 0},
+      {"control OUT data", Pipe::Control, 0x40, {}, 4, "data", {}, 0},
+      {"control four stalls, then data", Pipe::Control, 0xc0, {s, s, s, s, {"wxyz"}}, 4, "wxyz",
+       Lines(4, kReadPipe), 4},
+      {"control five stalls", Pipe::Control, 0xc0, {s, s, s, s, s}, -9, "data", readFailed, 5},
+      {"control time-out", Pipe::Control, 0xc0, {{"", 0, true}}, -7, "data", {timedOut + "0"}, 0},
+      {"control overflow", Pipe::Control, 0xc0, {{"wxyz", -EOVERFLOW}}, -8, "wxyz",
+       {"*** bulk_transfer read overflow! try to read 4 , read length : 0"}, 0},
+      {"control, device gone", Pipe::Control, 0xc0, {{"", -ESHUTDOWN}}, -4, "data",
+       {"*** bulk_transfer read failed! rv:-4"}, 0},
+      {"control zero length until the time-out", Pipe::Control, 0xc0, {}, 0, "data", {}, 0},
   };
   TLibusbDevice& ch = open();
+  const unsigned char abc[] = {'a', 'b', 'c'};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     for (const Reply& r : c.replies) {
-      device_->queue(Pipe::In, r);
+      device_->queue(c.pipe, r);
     }
     log_.clear();
-    const int clears = device_->observed().clearedHalts[0x81];
-    unsigned char buf[kBlock] = {};
-    const int64_t got = ch.read(buf, c.len);
+    Observed before = device_->observed();
+    const uint8_t endpoint = c.pipe == Pipe::Out ? 0x02 : 0x81;
+    unsigned char buf[kBlock] = {'d', 'a', 't', 'a'};
+    const auto start = std::chrono::steady_clock::now();
+    int64_t got = 0;
+    if (c.pipe == Pipe::In) {
+      got = ch.read(buf, static_cast<unsigned>(c.arg));
+    } else if (c.pipe == Pipe::Out) {
+      got = ch.write(abc, 3);
+    } else {
+      got = ch.usbControlTransfer(c.arg, 0x1a5, 0x12345, 7, 4, buf);
+    }
+    Observed after = device_->observed();
     EXPECT_EQ(got, c.result);
-    EXPECT_EQ(text(buf, got), c.bytes);
+    EXPECT_EQ(c.pipe == Pipe::In        ? text(buf, got)
+              : c.pipe == Pipe::Control ? text(buf, 4)
+                                        : after.out.substr(before.out.size()),
+              c.bytes);
     EXPECT_EQ(log_.lines(), c.lines);
-    EXPECT_EQ(device_->observed().clearedHalts[0x81] - clears, c.clears);
+    EXPECT_EQ(after.clearedHalts[endpoint] - before.clearedHalts[endpoint], c.clears);
+    if (c.pipe != Pipe::Control) {
+      continue;
+    }
+    ASSERT_GT(after.controls.size(), before.controls.size());
+    const ControlRequest& r = after.controls.back();  // low bits of request and value
+    EXPECT_EQ(std::make_tuple(int(r.requestType), int(r.request), int(r.value), int(r.index),
+                              int(r.length), r.data),
+              std::make_tuple(c.arg, 0xa5, 0x2345, 7, 4,
+                              std::string(c.arg == 0x40 ? "data" : "")));
+    if (c.result == 0) {  // asked again at once until the time-out
+      EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kTimeoutMs));
+      EXPECT_GT(after.controls.size() - before.controls.size(), 1u);
+    }
   }
 }
 
@@ -400,94 +453,5 @@ TEST_F(LibusbChannel, ZeroLengthPacketsAreAskedAgainEveryMillisecondUntilTheRead
       EXPECT_LE(asked, timeout + 1) << "asked again without the 1 ms pause";
     }
     EXPECT_EQ(log_.lines(), Lines{});
-  }
-}
-
-TEST_F(LibusbChannel, WriteOutcomes) {
-  const Reply s = kStall;
-  const std::string pipe = "*** TLibusbDevice write  pipe error";
-  struct Case {
-    const char* name;
-    std::vector<Reply> replies;
-    int64_t result;
-    Lines lines;
-    int clears;
-  } cases[] = {
-      {"accepted", {}, 3, {}, 0},
-      {"four stalls, then accepted", {s, s, s, s}, 3, Lines(4, pipe), 4},
-      {"five stalls", {s, s, s, s, s}, -1,
-       {pipe, pipe, pipe, pipe, pipe, "*** bulk_transfer OUT failed! rv:-9"}, 5},
-      {"time-out", {{"", 0, true}}, -1, {"*** bulk_transfer OUT failed! rv:-7"}, 0},
-      {"device gone", {{"", -ESHUTDOWN}}, -1, {"*** bulk_transfer OUT failed! rv:-4"}, 0},
-  };
-  TLibusbDevice& ch = open();
-  const unsigned char bytes[] = {'a', 'b', 'c'};
-  std::string accepted;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    for (const Reply& r : c.replies) {
-      device_->queue(Pipe::Out, r);
-    }
-    log_.clear();
-    const int clears = device_->observed().clearedHalts[0x02];
-    EXPECT_EQ(ch.write(bytes, 3), c.result);
-    EXPECT_EQ(log_.lines(), c.lines);
-    EXPECT_EQ(device_->observed().clearedHalts[0x02] - clears, c.clears);
-    accepted += c.result > 0 ? "abc" : "";
-    EXPECT_EQ(device_->observed().out, accepted);
-  }
-}
-
-TEST_F(LibusbChannel, ControlTransferOutcomes) {
-  const Reply s = kStall;
-  struct Case {
-    const char* name;
-    int requestType;
-    std::vector<Reply> replies;
-    int64_t result;
-    std::string bytes;
-    Lines lines;
-    int clears;  // of the bulk IN endpoint
-  } cases[] = {
-      {"IN data", 0xc0, {{"wxyz"}}, 4, "wxyz", {}, 0},
-      {"OUT data", 0x40, {}, 4, "data", {}, 0},
-      {"four stalls, then data", 0xc0, {s, s, s, s, {"wxyz"}}, 4, "wxyz", Lines(4, kReadPipe), 4},
-      {"five stalls", 0xc0, {s, s, s, s, s}, -9, "data",
-       {kReadPipe, kReadPipe, kReadPipe, kReadPipe, kReadPipe,
-        "*** bulk_transfer read failed! rv:-9"},
-       5},
-      {"time-out", 0xc0, {{"", 0, true}}, -7, "data",
-       {"*** bulk_transfer read timeout : 50! try to read 4 , read length : 0"}, 0},
-      {"overflow", 0xc0, {{"wxyz", -EOVERFLOW}}, -8, "wxyz",
-       {"*** bulk_transfer read overflow! try to read 4 , read length : 0"}, 0},
-      {"device gone", 0xc0, {{"", -ESHUTDOWN}}, -4, "data",
-       {"*** bulk_transfer read failed! rv:-4"}, 0},
-      {"zero length until the time-out", 0xc0, {}, 0, "data", {}, 0},
-  };
-  TLibusbDevice& ch = open();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    for (const Reply& r : c.replies) {
-      device_->queue(Pipe::Control, r);
-    }
-    log_.clear();
-    Observed before = device_->observed();
-    unsigned char data[4] = {'d', 'a', 't', 'a'};
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ch.usbControlTransfer(c.requestType, 0x1a5, 0x12345, 7, 4, data), c.result);
-    EXPECT_EQ(text(data, 4), c.bytes);
-    EXPECT_EQ(log_.lines(), c.lines);
-    Observed after = device_->observed();
-    EXPECT_EQ(after.clearedHalts[0x81] - before.clearedHalts[0x81], c.clears);
-    ASSERT_GT(after.controls.size(), before.controls.size());
-    const ControlRequest& r = after.controls.back();  // low bits of request and value
-    EXPECT_EQ(std::make_tuple(int(r.requestType), int(r.request), int(r.value), int(r.index),
-                              int(r.length), r.data),
-              std::make_tuple(c.requestType, 0xa5, 0x2345, 7, 4,
-                              std::string(c.requestType == 0x40 ? "data" : "")));
-    if (c.result == 0) {  // asked again at once until the time-out
-      EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kTimeoutMs));
-      EXPECT_GT(after.controls.size() - before.controls.size(), 1u);
-    }
   }
 }

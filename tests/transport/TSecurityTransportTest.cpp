@@ -1,5 +1,7 @@
 // TSecurityTransport and TNonblockingSecurityTransport (encrypted and plain): what they
-// share is run on each; then what each adds, both on a virtual cable, and a long stream.
+// share is run on each, then what each adds, and a long stream. Every frame is checked
+// byte for byte against frameOf(), so the two transports, and the runtime's
+// TFramedTransport for plain frames, read what the others write.
 #include <thriftusb/transport/TNonblockingSecurityTransport.h>
 #include <thriftusb/transport/TNonblockingSecurityTransportFactory.h>
 #include <thriftusb/transport/TSecurityTransport.h>
@@ -18,15 +20,9 @@
 #include <thrift/protocol/TCompactProtocol.h>
 #include <thrift/transport/TBufferTransports.h>
 
-#include <thriftusb/transport/TNonblockingUsbSocket.h>
-#include <thriftusb/transport/TUSBSocket.h>
-#include <thriftusb/transport/TUsbDevice.h>
-
-#include "support/Bounded.h"
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/SyscallSpy.h"
-#include "support/VirtualCable.h"
 
 using namespace apache::thrift::transport;
 using namespace thriftusb::test;
@@ -99,10 +95,20 @@ std::string header(uint32_t n) {
   return {char(n >> 24), char(n >> 16), char(n >> 8), char(n)};
 }
 
-// The frame that carries `payload`, encrypted by a cipher of its own with the same key.
+void writeString(TTransport& t, const std::string& s) {
+  t.write(reinterpret_cast<const uint8_t*>(s.data()), static_cast<uint32_t>(s.size()));
+}
+
+// The frame that carries `payload` (not empty): encrypted by a cipher of its own with
+// the same key, or plain as the runtime's TFramedTransport writes it, so that plain
+// frames are checked against the framing they must interwork with.
 std::string frameOf(const std::string& payload, bool encrypted) {
   if (!encrypted) {
-    return header(static_cast<uint32_t>(payload.size())) + payload;
+    auto memory = std::make_shared<TMemoryBuffer>();
+    TFramedTransport framed(memory);
+    writeString(framed, payload);
+    framed.flush();
+    return memory->getBufferAsString();
   }
   std::string body(payload.size() + 16, '\0');
   long length = static_cast<long>(body.size());
@@ -110,10 +116,6 @@ std::string frameOf(const std::string& payload, bool encrypted) {
                         static_cast<long>(payload.size()),
                         reinterpret_cast<unsigned char*>(&body[0]), &length);
   return header(static_cast<uint32_t>(length)) + body.substr(0, static_cast<size_t>(length));
-}
-
-void writeString(TTransport& t, const std::string& s) {
-  t.write(reinterpret_cast<const uint8_t*>(s.data()), static_cast<uint32_t>(s.size()));
 }
 
 std::string readString(TTransport& t, uint32_t len, bool all = false) {
@@ -385,7 +387,9 @@ TEST_P(TNonblockingSecurityTransportWait, AnIdleInnerTransportTimesOutAfter300Se
   const auto sleeps = spy.lengths(Sys::Usleep);
   EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 10000u), static_cast<long>(sleeps.size()));
   EXPECT_EQ(inner->reads, sleeps.size() + 1); // the first poll comes before any sleep
-  EXPECT_GE(sleeps.size(), 29990u);
+  // The real time the polls take moves the clock too: up to 3 s of it on a loaded
+  // machine under a sanitizer, which 10 ms steps then need not cover.
+  EXPECT_GE(sleeps.size(), 29700u);
 }
 
 TEST_P(TNonblockingSecurityTransportWait, AFrameAfterIdlePollingOrInPiecesIsReadNormally) {
@@ -403,43 +407,6 @@ TEST_P(TNonblockingSecurityTransportWait, AFrameAfterIdlePollingOrInPiecesIsRead
 }
 
 INSTANTIATE_TEST_SUITE_P(EncryptedAndPlain, TNonblockingSecurityTransportWait, ::testing::Bool());
-
-// Host: TNonblockingSecurityTransport over the threaded transport. Device: TUSBSocket
-// under TSecurityTransport (encrypted) or under the runtime's TFramedTransport (plain).
-class SecurityTransportCable : public ::testing::TestWithParam<bool> {};
-
-TEST_P(SecurityTransportCable, CarriesFramesBothWays) {
-  const bool encrypted = GetParam();
-  VirtualCable cable;
-  auto device = std::make_shared<TUsbDevice>(cable.host().readPath, cable.host().writePath, false,
-                                             64, 64);
-  TNonblockingSecurityTransport host(std::make_shared<TNonblockingUsbSocket>(device, 3000, 3000, 4096),
-                                     encrypted ? testCipher() : nullptr, encrypted);
-  auto usb = std::make_shared<TUSBSocket>(cable.device().readPath, cable.device().writePath, 0, 64);
-  std::shared_ptr<TTransport> peer;
-  if (encrypted) {
-    peer = std::make_shared<TSecurityTransport>(usb, testCipher());
-  } else {
-    peer = std::make_shared<TFramedTransport>(usb);
-  }
-  Watchdog watchdog;
-  host.open();
-  peer->open();
-  for (uint32_t n : {1, 5000, 16}) {
-    SCOPED_TRACE(n);
-    const std::string request = patternBytes(n, 3), reply = patternBytes(n + 100, 4);
-    writeString(host, request);
-    host.flush();
-    EXPECT_EQ(readString(*peer, n, true), request);
-    writeString(*peer, reply);
-    peer->flush();
-    EXPECT_EQ(readString(host, n + 100, true), reply);
-  }
-  host.close();
-  peer->close();
-}
-
-INSTANTIATE_TEST_SUITE_P(EncryptedAndPlain, SecurityTransportCable, ::testing::Bool());
 
 // Thrift 0.14 and later count the bytes a protocol consumes against a maximum message
 // size (100 MB by default). Each frame starts the count afresh, so a long-lived
