@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -117,6 +118,22 @@ std::vector<CipherCase> cipherCases(const std::vector<size_t>& sizes) {
       // Whole-block reference: the cipher text of the payload without its padding
       // block, which every implementation must reproduce.
       const std::vector<uint8_t> reference(b->sealed.begin(), b->sealed.begin() + n);
+      // An output buffer and a copy of the input of a direct call.
+      auto buffers = [&](bool decrypt) {
+        const uint8_t* in = decrypt ? reference.data() : b->plain.data();
+        return std::make_pair(std::make_shared<std::vector<uint8_t>>(n),
+                              std::make_shared<std::vector<uint8_t>>(in, in + n));
+      };
+      // Adds a direct call once one run of it has reproduced Sm4Cipher's output.
+      auto addChecked = [&](const std::string& implementation, bool decrypt,
+                            const std::function<void()>& run, const std::vector<uint8_t>& out) {
+        run();
+        const std::vector<uint8_t>& expected = decrypt ? b->plain : reference;
+        if (std::memcmp(out.data(), expected.data(), n) != 0) {
+          throw std::runtime_error(implementation + " SM4 disagrees with Sm4Cipher");
+        }
+        cases.push_back({implementation, modeName, decrypt, n, run});
+      };
 
       cases.push_back({"Sm4Cipher", modeName, false, n, [b, n] {
                          long length = static_cast<long>(b->scratch.size());
@@ -136,10 +153,8 @@ std::vector<CipherCase> cipherCases(const std::vector<size_t>& sizes) {
         if (evp->cipher == nullptr || evp->ctx == nullptr) {
           throw std::runtime_error("OpenSSL offers no SM4");
         }
-        auto out = std::make_shared<std::vector<uint8_t>>(n);
-        const uint8_t* in = decrypt ? reference.data() : b->plain.data();
-        auto input = std::make_shared<std::vector<uint8_t>>(in, in + n);
-        auto run = [evp, out, input, key, iv, cbc, decrypt, n] {
+        auto [out, input] = buffers(decrypt);
+        auto run = [evp, out = out, input = input, key, iv, cbc, decrypt, n] {
           int written = 0;
           EVP_CipherInit_ex2(evp->ctx, evp->cipher, reinterpret_cast<const uint8_t*>(key.data()),
                              cbc ? reinterpret_cast<const uint8_t*>(iv.data()) : nullptr,
@@ -147,12 +162,7 @@ std::vector<CipherCase> cipherCases(const std::vector<size_t>& sizes) {
           EVP_CIPHER_CTX_set_padding(evp->ctx, 0);
           EVP_CipherUpdate(evp->ctx, out->data(), &written, input->data(), static_cast<int>(n));
         };
-        run();
-        const std::vector<uint8_t>& expected = decrypt ? b->plain : reference;
-        if (std::memcmp(out->data(), expected.data(), n) != 0) {
-          throw std::runtime_error("OpenSSL EVP SM4 disagrees with Sm4Cipher");
-        }
-        cases.push_back({"OpenSSL EVP", modeName, decrypt, n, run});
+        addChecked("OpenSSL EVP", decrypt, run, *out);
       }
 
 #if THRIFTUSB_BENCH_HAVE_GCRYPT
@@ -164,10 +174,8 @@ std::vector<CipherCase> cipherCases(const std::vector<size_t>& sizes) {
             gcry_cipher_setkey(gcry->handle, key.data(), key.size()) != 0) {
           throw std::runtime_error("libgcrypt offers no SM4");
         }
-        auto out = std::make_shared<std::vector<uint8_t>>(n);
-        const uint8_t* in = decrypt ? reference.data() : b->plain.data();
-        auto input = std::make_shared<std::vector<uint8_t>>(in, in + n);
-        auto run = [gcry, out, input, iv, cbc, decrypt, n] {
+        auto [out, input] = buffers(decrypt);
+        auto run = [gcry, out = out, input = input, iv, cbc, decrypt, n] {
           if (cbc) {
             gcry_cipher_setiv(gcry->handle, iv.data(), iv.size());
           }
@@ -177,12 +185,7 @@ std::vector<CipherCase> cipherCases(const std::vector<size_t>& sizes) {
             gcry_cipher_encrypt(gcry->handle, out->data(), n, input->data(), n);
           }
         };
-        run();
-        const std::vector<uint8_t>& expected = decrypt ? b->plain : reference;
-        if (std::memcmp(out->data(), expected.data(), n) != 0) {
-          throw std::runtime_error("libgcrypt SM4 disagrees with Sm4Cipher");
-        }
-        cases.push_back({"libgcrypt", modeName, decrypt, n, run});
+        addChecked("libgcrypt", decrypt, run, *out);
       }
 #endif
     }

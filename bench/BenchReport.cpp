@@ -224,17 +224,16 @@ void writeMarkdown(const std::string& path, const RunInfo& info, const std::vect
          "the timed repetitions (range: slowest and fastest); CPU % is the process's CPU time "
          "over the wall time while it ran (200 % = both cores busy).\n\n";
 
-  if (!idsOf(rows, "stream").empty()) {
-    out << "## Bulk throughput: one-way stream of 64 KiB writes\n\n";
-    throughputTable(out, rows, "stream");
-    out << "\n";
-  }
-  if (!idsOf(rows, "frames").empty()) {
-    out << "## Bulk throughput: the framed stacks with 1 MiB frames (16 writes of 64 KiB per "
-           "flush)\n\n";
-    throughputTable(out, rows, "frames");
-    out << "\n";
-  }
+  auto throughputSection = [&](const char* section, const char* heading) {
+    if (!idsOf(rows, section).empty()) {
+      out << "## Bulk throughput: " << heading << "\n\n";
+      throughputTable(out, rows, section);
+      out << "\n";
+    }
+  };
+  throughputSection("stream", "one-way stream of 64 KiB writes");
+  throughputSection("frames",
+                    "the framed stacks with 1 MiB frames (16 writes of 64 KiB per flush)");
   if (!idsOf(rows, "sweep").empty()) {
     out << "## Sensitivity of the stream to the ring buffer, the frame size and the cable "
            "buffer\n\n";
@@ -250,11 +249,7 @@ void writeMarkdown(const std::string& path, const RunInfo& info, const std::vect
     }
     out << "\n";
   }
-  if (!idsOf(rows, "calls").empty()) {
-    out << "## Bulk throughput: Thrift calls `echo(binary)` with 1 MiB each way\n\n";
-    throughputTable(out, rows, "calls");
-    out << "\n";
-  }
+  throughputSection("calls", "Thrift calls `echo(binary)` with 1 MiB each way");
 
   const auto trips = idsOf(rows, "roundtrip");
   if (!trips.empty()) {

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace thriftusb {
@@ -39,6 +40,19 @@ struct Row {
   std::string verdict;
   std::string note;
 };
+
+/** A row with what identifies it and its figure; the other fields stay empty. */
+inline Row makeRow(std::string section, std::string id, std::string label, std::string metric,
+                   double value, std::string unit) {
+  Row row;
+  row.section = std::move(section);
+  row.id = std::move(id);
+  row.label = std::move(label);
+  row.metric = std::move(metric);
+  row.value = value;
+  row.unit = std::move(unit);
+  return row;
+}
 
 /** Median of @p values (NaN when empty). */
 double median(std::vector<double> values);

@@ -120,36 +120,13 @@ public:
   std::shared_ptr<TTransport> transport() override { return nullptr; }
 
   void writeBlock(const uint8_t* buf, uint32_t len) override {
-    while (len > 0) {
-      const ssize_t n = ::write(writeFd_, buf, len);
-      if (n < 0) {
-        if (errno == EINTR) {
-          continue;
-        }
-        failErrno("raw write");
-      }
-      buf += n;
-      len -= static_cast<uint32_t>(n);
-    }
+    transfer("raw write", len, [&](uint32_t done) { return ::write(writeFd_, buf + done, len - done); });
   }
 
   void endStream() override {}
 
   void readBlock(uint8_t* buf, uint32_t len) override {
-    while (len > 0) {
-      const ssize_t n = ::read(readFd_, buf, len);
-      if (n < 0) {
-        if (errno == EINTR) {
-          continue;
-        }
-        failErrno("raw read");
-      }
-      if (n == 0) {
-        throw std::runtime_error("raw read: end of data");
-      }
-      buf += n;
-      len -= static_cast<uint32_t>(n);
-    }
+    transfer("raw read", len, [&](uint32_t done) { return ::read(readFd_, buf + done, len - done); });
   }
 
   void close() override {
@@ -164,6 +141,21 @@ public:
   }
 
 private:
+  // Moves @p len bytes in as many system calls of @p call (given the bytes done) as it takes.
+  template <typename Call>
+  static void transfer(const char* what, uint32_t len, Call&& call) {
+    for (uint32_t done = 0; done < len;) {
+      const ssize_t n = call(done);
+      if (n < 0 && errno != EINTR) {
+        failErrno(what);
+      }
+      if (n == 0) {
+        throw std::runtime_error(std::string(what) + ": end of data");
+      }
+      done += n > 0 ? static_cast<uint32_t>(n) : 0;
+    }
+  }
+
   int readFd_ = -1;
   int writeFd_ = -1;
 };
@@ -368,21 +360,18 @@ std::vector<Stack> allStacks() {
     const std::string mode = nonblocking ? "non-blocking mode" : "blocking mode";
     const std::string suffix = nonblocking ? "-nb" : "";
     const Pacing pacing = nonblocking ? Pacing::OneStep : Pacing::ThreadedBlocking;
-    add("nbsec-plain" + suffix, "TNonblockingSecurityTransport plain / " + mode, Family::Plain,
-        pacing, 10000, overCable([nonblocking](const FifoCable::End& end, const Settings& s) {
-          auto socket = openThreaded(end, s, nonblocking);
-          auto framed = std::make_shared<TNonblockingSecurityTransport>(socket, nullptr, false);
-          return std::make_unique<TransportLink>(framed, true);
-        }))
-        ->framed = true;
-    add("nbsec-sm4" + suffix, "TNonblockingSecurityTransport SM4 / " + mode,
-        Family::Encrypted, pacing, 10000,
-        overCable([nonblocking](const FifoCable::End& end, const Settings& s) {
-          auto socket = openThreaded(end, s, nonblocking);
-          auto framed = std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(), true);
-          return std::make_unique<TransportLink>(framed, true);
-        }))
-        ->framed = true;
+    for (bool encrypted : {false, true}) {
+      add((encrypted ? "nbsec-sm4" : "nbsec-plain") + suffix,
+          std::string("TNonblockingSecurityTransport ") + (encrypted ? "SM4" : "plain") + " / " +
+              mode,
+          encrypted ? Family::Encrypted : Family::Plain, pacing, 10000,
+          overCable([nonblocking, encrypted](const FifoCable::End& end, const Settings& s) {
+            auto framed = std::make_shared<TNonblockingSecurityTransport>(
+                openThreaded(end, s, nonblocking), encrypted ? makeCipher() : nullptr, encrypted);
+            return std::make_unique<TransportLink>(framed, true);
+          }))
+          ->framed = true;
+    }
   }
 
   add("sec-sm4", "TSecurityTransport SM4 / TUSBSocket", Family::Encrypted, Pacing::OneStep,

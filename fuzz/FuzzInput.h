@@ -10,7 +10,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstdio>
+#include <memory>
 #include <string>
+
+#include <thriftusb/cipher/Sm4Cipher.h>
 
 namespace thriftusb {
 namespace fuzz {
@@ -45,6 +48,24 @@ private:
   size_t size_;
   size_t pos_ = 0;
 };
+
+/** The cipher of the targets and their seeds: the fuzz key, CBC with the fuzz IV, or ECB. */
+inline std::shared_ptr<Sm4Cipher> fuzzCipher(bool cbc = true) {
+  return std::make_shared<Sm4Cipher>("0123456789abcdef",
+                                     cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB,
+                                     cbc ? "fedcba9876543210" : "");
+}
+
+/** Whether @p call throws an @p E for which @p matches holds. */
+template <typename E, typename Call, typename Match>
+bool throwsWhere(Call&& call, Match&& matches) {
+  try {
+    call();
+  } catch (const E& e) {
+    return matches(e);
+  }
+  return false;
+}
 
 /** Ends the fuzz target with a message: libFuzzer keeps the input as a crash. */
 [[noreturn]] inline void failed(const char* what) {
@@ -95,11 +116,10 @@ inline void putU16(std::string& out, uint16_t value) {
   out += static_cast<char>(value & 0xFF);
 }
 
-/** Appends the 4-byte big-endian frame header of a body of @p n bytes. */
-inline void putHeader(std::string& out, uint32_t n) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    out += static_cast<char>((n >> shift) & 0xFF);
-  }
+/** The 4-byte big-endian frame header of a body of @p n bytes. */
+inline std::string header(uint32_t n) {
+  return {static_cast<char>(n >> 24), static_cast<char>(n >> 16), static_cast<char>(n >> 8),
+          static_cast<char>(n)};
 }
 
 } // namespace fuzz

@@ -16,8 +16,6 @@
 
 #include <sys/stat.h>
 
-#include <thriftusb/cipher/Sm4Cipher.h>
-
 #include "FuzzInput.h"
 
 using namespace thriftusb::fuzz;
@@ -32,26 +30,19 @@ std::string pattern(size_t n, unsigned seed) {
   return out;
 }
 
-Sm4Cipher cipher(bool cbc) {
-  return Sm4Cipher("0123456789abcdef", cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB,
-                   cbc ? "fedcba9876543210" : "");
-}
-
 std::string encrypt(const std::string& plain, bool cbc) {
   std::string out((plain.size() & ~size_t{15}) + 16, '\0');
   long length = static_cast<long>(out.size());
-  cipher(cbc).encrypt(reinterpret_cast<const unsigned char*>(plain.data()),
-                      static_cast<long>(plain.size()),
-                      reinterpret_cast<unsigned char*>(&out[0]), &length);
+  fuzzCipher(cbc)->encrypt(reinterpret_cast<const unsigned char*>(plain.data()),
+                           static_cast<long>(plain.size()),
+                           reinterpret_cast<unsigned char*>(&out[0]), &length);
   return out;
 }
 
 // A whole frame as the transports of @p kind send it (CBC under the fuzz key).
 std::string frame(const std::string& payload, uint8_t kind) {
   const std::string body = kind == kNonblockingPlain ? payload : encrypt(payload, true);
-  std::string out;
-  putHeader(out, static_cast<uint32_t>(body.size()));
-  return out + body;
+  return header(static_cast<uint32_t>(body.size())) + body;
 }
 
 struct FrameSeed {
@@ -80,11 +71,6 @@ std::string layout(uint8_t kind, const FrameSeed& s) {
 std::vector<std::string> frameSeeds() {
   std::vector<std::string> seeds;
   for (uint8_t kind : {kSecure, kNonblockingEncrypted, kNonblockingPlain}) {
-    auto h = [](uint32_t n) {
-      std::string out;
-      putHeader(out, n);
-      return out;
-    };
     const std::vector<FrameSeed> list = {
         // Valid frames only: one and several cipher blocks, a write buffer that grows.
         {0, {1, 15, 16, 17, 1030}, "", "", ""},
@@ -92,12 +78,13 @@ std::vector<std::string> frameSeeds() {
         {kReadEndEachFrame | kLowReclaim, {100, 2000}, std::string("\x01\x02\x00\x07", 4),
          std::string("\x00\x0f\xfe\x03", 4), frame(pattern(40, 9), kind)},
         // Every bad header, each followed by a good frame the stream resumes at.
-        {kSmallMaxFrame, {}, "", "", h(0x80000000u) + h(0xFFFFFFFFu) + h(65) + h(80) + h(0) +
-                                       h(17) + pattern(17, 3) + frame(pattern(30, 4), kind)},
+        {kSmallMaxFrame, {}, "", "",
+         header(0x80000000u) + header(0xFFFFFFFFu) + header(65) + header(80) + header(0) +
+             header(17) + pattern(17, 3) + frame(pattern(30, 4), kind)},
         // A body that does not decrypt, then a valid frame.
-        {0, {5}, "", "", h(32) + pattern(32, 5) + frame("after", kind)},
+        {0, {5}, "", "", header(32) + pattern(32, 5) + frame("after", kind)},
         // A body cut short by the end of the wire.
-        {0, {}, std::string("\x03", 1), "", h(48) + pattern(10, 6)},
+        {0, {}, std::string("\x03", 1), "", header(48) + pattern(10, 6)},
         // A header cut short.
         {0, {20}, "", "", std::string("\x00\x00", 2)},
     };

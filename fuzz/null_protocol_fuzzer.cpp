@@ -66,12 +66,7 @@ private:
 
 template <typename Call>
 bool throwsProtocolError(Call&& call) {
-  try {
-    call();
-  } catch (const TProtocolException&) {
-    return true;
-  }
-  return false;
+  return throwsWhere<TProtocolException>(call, [](const TProtocolException&) { return true; });
 }
 
 } // namespace

@@ -44,11 +44,6 @@ namespace {
 const char* const kExhausted = "fuzz wire exhausted";
 const char* const kNoMoreData = "No more data to read.";
 
-std::shared_ptr<Sm4Cipher> makeCipher() {
-  return std::make_shared<Sm4Cipher>("0123456789abcdef", Sm4Cipher::Mode::CBC,
-                                     "fedcba9876543210");
-}
-
 // The inner transport: hands out the wire in pieces no larger than the fuzzed split
 // sizes. read() of the polling kind may also report "nothing yet" (0 bytes), and at the
 // end of the wire throws, as a threaded transport's read time-out would; read() of the
@@ -137,8 +132,7 @@ std::vector<Event> referenceDecode(const std::string& wire, bool encrypted, bool
   std::vector<Event> events;
   size_t pos = 0;
   auto error = [&](TTransportException::TTransportExceptionType type, const char* message) {
-    Event e{Event::Error, {}, 0, type, message};
-    events.push_back(e);
+    events.push_back(Event{Event::Error, {}, 0, type, message});
   };
   while (pos < wire.size()) {
     if (wire.size() - pos < 4) {
@@ -187,12 +181,9 @@ std::vector<Event> referenceDecode(const std::string& wire, bool encrypted, bool
 template <typename Call>
 bool throwsExactly(Call&& call, TTransportException::TTransportExceptionType type,
                    const std::string& message) {
-  try {
-    call();
-  } catch (const TTransportException& e) {
+  return throwsWhere<TTransportException>(call, [&](const TTransportException& e) {
     return e.getType() == type && message == e.what();
-  }
-  return false;
+  });
 }
 
 template <class Transport>
@@ -245,9 +236,8 @@ void decode(Transport& t, const std::vector<Event>& events, const std::string& r
 }
 
 // Writes each payload in two pieces (the second may outgrow the write buffer) and
-// flushes it as one frame; returns the wire.
-template <class Transport>
-std::string send(Transport& sender, Wire& out, const std::vector<std::string>& payloads) {
+// flushes it as one frame.
+void send(TTransport& sender, const std::vector<std::string>& payloads) {
   for (const auto& p : payloads) {
     const auto* data = reinterpret_cast<const uint8_t*>(p.data());
     const auto half = static_cast<uint32_t>(p.size() / 2);
@@ -255,7 +245,20 @@ std::string send(Transport& sender, Wire& out, const std::vector<std::string>& p
     sender.write(data + half, static_cast<uint32_t>(p.size()) - half);
     sender.flush();
   }
-  return out.written();
+}
+
+// Runs @p use on a transport of the input's kind over @p inner.
+template <typename Use>
+void withTransport(bool polling, bool encrypted, uint32_t reclaim, uint32_t maxFrame,
+                   const std::shared_ptr<Wire>& inner, Use&& use) {
+  if (polling) {
+    TNonblockingSecurityTransport t(inner, encrypted ? fuzzCipher() : nullptr, encrypted, reclaim,
+                                    maxFrame);
+    use(t);
+  } else {
+    TSecurityTransport t(inner, fuzzCipher(), reclaim, maxFrame);
+    use(t);
+  }
 }
 
 } // namespace
@@ -277,17 +280,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string readLengths = in.bytes(in.byte());
   const std::string tail = in.rest();
 
-  auto cipher = makeCipher();
+  auto cipher = fuzzCipher();
   auto sink = std::make_shared<Wire>("", "", false);
-  std::string wire;
-  if (polling) {
-    TNonblockingSecurityTransport sender(sink, encrypted ? makeCipher() : nullptr, encrypted,
-                                         reclaim, maxFrame);
-    wire = send(sender, *sink, payloads);
-  } else {
-    TSecurityTransport sender(sink, makeCipher(), reclaim, maxFrame);
-    wire = send(sender, *sink, payloads);
-  }
+  withTransport(polling, encrypted, reclaim, maxFrame, sink,
+                [&](TTransport& sender) { send(sender, payloads); });
+  std::string wire = sink->written();
 
   // The sender's frames decode to its payloads (empty ones send no frame).
   std::vector<std::string> sent;
@@ -302,15 +299,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   wire += tail;
   const auto events = referenceDecode(wire, encrypted, polling, maxFrame, *cipher);
-  auto inner = std::make_shared<Wire>(wire, splits, polling);
-  const bool readEnd = (config & kReadEndEachFrame) != 0;
-  if (polling) {
-    TNonblockingSecurityTransport t(inner, encrypted ? makeCipher() : nullptr, encrypted, reclaim,
-                                    maxFrame);
-    decode(t, events, readLengths, polling, readEnd);
-  } else {
-    TSecurityTransport t(inner, makeCipher(), reclaim, maxFrame);
-    decode(t, events, readLengths, polling, readEnd);
-  }
+  withTransport(polling, encrypted, reclaim, maxFrame,
+                std::make_shared<Wire>(wire, splits, polling), [&](auto& t) {
+                  decode(t, events, readLengths, polling, (config & kReadEndEachFrame) != 0);
+                });
   return 0;
 }

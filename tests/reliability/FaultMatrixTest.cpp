@@ -6,12 +6,10 @@
 // behind (FaultMatrix's TearDown). Rows that other tests already cover are not
 // repeated here; the report of this matrix lists them.
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -22,6 +20,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <fcntl.h>
@@ -104,6 +103,8 @@ private:
 template <typename Row>
 class FaultMatrixRows : public FaultMatrix, public ::testing::WithParamInterface<Row> {};
 
+const auto kRowName = [](const auto& info) { return ::testing::PrintToString(info.param); };
+
 // How a call ended: its transport exception, or none.
 struct Outcome {
   bool threw = false;
@@ -113,10 +114,7 @@ struct Outcome {
 };
 
 std::ostream& operator<<(std::ostream& out, const Outcome& o) {
-  if (!o.threw) {
-    return out << "no exception";
-  }
-  return out << "type " << o.type << " \"" << o.message << "\"";
+  return o.threw ? out << "type " << o.type << " \"" << o.message << "\"" : out << "no exception";
 }
 
 Outcome outcomeOf(const std::function<void()>& call) {
@@ -124,9 +122,7 @@ Outcome outcomeOf(const std::function<void()>& call) {
   try {
     call();
   } catch (const TTransportException& e) {
-    o.threw = true;
-    o.type = e.getType();
-    o.message = e.what();
+    o = {true, e.getType(), e.what(), {}};
   }
   o.at = Clock::now();
   return o;
@@ -144,9 +140,13 @@ const uint8_t* u8(const std::string& s) {
   return reinterpret_cast<const uint8_t*>(s.data());
 }
 
+uint8_t* u8(std::string& s) {
+  return reinterpret_cast<uint8_t*>(&s[0]);
+}
+
 std::string readSome(TTransport& t, uint32_t len) {
   std::string out(len, '\0');
-  out.resize(t.read(reinterpret_cast<uint8_t*>(&out[0]), len));
+  out.resize(t.read(u8(out), len));
   return out;
 }
 
@@ -172,12 +172,10 @@ struct Client {
     auto cipher = encrypted(stack) ? makeDemoCipher() : nullptr;
     if (threaded(stack)) {
       threadedLink = std::make_unique<ThreadedLink>(end.readPath, end.writePath, false, cipher);
-      transport = threadedLink->transport;
-      protocol = threadedLink->protocol;
+      std::tie(transport, protocol) = std::tie(threadedLink->transport, threadedLink->protocol);
     } else {
       blockingLink = std::make_unique<BlockingLink>(end.readPath, end.writePath, cipher);
-      transport = blockingLink->transport;
-      protocol = blockingLink->protocol;
+      std::tie(transport, protocol) = std::tie(blockingLink->transport, blockingLink->protocol);
     }
     gadget = std::make_unique<GadgetClient>(protocol);
   }
@@ -229,12 +227,13 @@ std::chrono::nanoseconds bootClock() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// The state letter of each thread of process @p pid ('T' once stopped by a signal).
-std::string threadStates(const std::string& pid) {
+// Whether every thread of process @p pid has stopped (state 'T' in its stat): SIGSTOP
+// takes effect in each thread a little after kill() returns.
+bool allThreadsStopped(pid_t pid) {
   std::string states;
   std::error_code error;
-  for (const auto& task :
-       std::filesystem::directory_iterator("/proc/" + pid + "/task", error)) {
+  for (const auto& task : std::filesystem::directory_iterator(
+           "/proc/" + std::to_string(pid) + "/task", error)) {
     std::ifstream in(task.path().string() + "/stat");
     std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const auto close = stat.rfind(')');
@@ -242,34 +241,7 @@ std::string threadStates(const std::string& pid) {
       states += stat[close + 2];
     }
   }
-  return states;
-}
-
-// Whether every thread of this process's child program @p name has stopped: SIGSTOP
-// takes effect in each thread a little after kill() returns.
-bool childStopped(const std::string& name) {
-  const std::string self = std::to_string(::getpid());
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string pid = entry.path().filename().string();
-    if (pid.find_first_not_of("0123456789") != std::string::npos) {
-      continue; // not a process
-    }
-    std::ifstream in(entry.path().string() + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const auto open = stat.find('('), close = stat.rfind(')');
-    if (open == std::string::npos || close == std::string::npos ||
-        stat.substr(open + 1, close - open - 1) != name.substr(0, 15)) {
-      continue;
-    }
-    std::istringstream rest(stat.substr(close + 2));
-    std::string state, parent;
-    rest >> state >> parent;
-    if (parent == self) {
-      const std::string states = threadStates(pid);
-      return !states.empty() && states.find_first_not_of("Tt") == std::string::npos;
-    }
-  }
-  return false;
+  return !states.empty() && states.find_first_not_of("Tt") == std::string::npos;
 }
 
 bool exists(const std::string& path) {
@@ -278,6 +250,12 @@ bool exists(const std::string& path) {
 
 } // namespace
 
+// Rows print as their name.
+template <typename Row, typename = decltype(Row::name)>
+std::ostream& operator<<(std::ostream& out, const Row& row) {
+  return out << row.name;
+}
+
 // ---------------------------------------------------------------------------
 // The server process killed while a client waits for its answer. The cable is
 // unplugged first, so that nothing but the two programs holds the nodes, as when the
@@ -285,8 +263,7 @@ bool exists(const std::string& path) {
 
 struct ServerKilledRow {
   Stack stack;
-  Type type;
-  const char* message;
+  const char* message; // always TIMED_OUT
   std::chrono::milliseconds timeout; // the client's own limit for the silence
 };
 
@@ -320,8 +297,8 @@ TEST_P(ServerKilledMidCall, TheWaitingCallEndsWithItsStacksTimeOut) {
   cable.unplug();
 
   server.kill(SIGSTOP);
-  const std::string program = argv[0].substr(argv[0].rfind('/') + 1);
-  ASSERT_TRUE(waitUntil([&] { return childStopped(program); }));
+  const pid_t serverPid = server.pid();
+  ASSERT_TRUE(waitUntil([&] { return allThreadsStopped(serverPid); }));
   Outcome outcome;
   const auto callStart = Clock::now();
   PeerThread call([&] { outcome = outcomeOf([&] { client.gadget->ping(); }); });
@@ -329,7 +306,8 @@ TEST_P(ServerKilledMidCall, TheWaitingCallEndsWithItsStacksTimeOut) {
   server.kill(SIGKILL);
   ASSERT_NE(server.waitFor(), -1);
   const auto killed = bootClock();
-  if (row.timeout > kPeerLimit) {
+  const bool virtualTime = row.timeout > kPeerLimit;
+  if (virtualTime) {
     // The encrypted threaded client waits 300 s for the answer's first frame: virtual
     // time lets those pass at once. (Nothing here may wait on the clock meanwhile.)
     spy.emplace();
@@ -341,38 +319,35 @@ TEST_P(ServerKilledMidCall, TheWaitingCallEndsWithItsStacksTimeOut) {
   client.transport->close();
   spy.reset();
 
-  EXPECT_TRUE(endedWith(outcome, row.type, row.message));
-  if (row.timeout > kPeerLimit) {
-    // In virtual time every thread's polling moves the clock, so only the lower bound
-    // is exact there; the real time taken is a matter of milliseconds.
+  EXPECT_TRUE(endedWith(outcome, TTransportException::TIMED_OUT, row.message));
+  // In virtual time every thread's polling moves the clock, so only the lower bound
+  // is exact there; the real time taken is a matter of milliseconds.
+  if (virtualTime) {
     EXPECT_GE(outcome.at - callStart, row.timeout);
-    EXPECT_LT(ended - killed, kMargin);
-  } else {
-    EXPECT_LT(ended - killed, row.timeout + kMargin);
   }
+  EXPECT_LT(ended - killed, (virtualTime ? 0ms : row.timeout) + kMargin);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Stacks, ServerKilledMidCall,
     ::testing::Values(
         // The threaded transport's read time-out (3 s) ends the wait for the answer...
-        ServerKilledRow{Stack::Threaded, TTransportException::TIMED_OUT, "read timeout.",
+        ServerKilledRow{Stack::Threaded, "read timeout.",
                         std::chrono::milliseconds(kHostTimeoutMs)},
         // ...but under encrypted frames the wait for a frame's first byte is the
         // frames' own, 300 s.
-        ServerKilledRow{Stack::ThreadedEncrypted, TTransportException::TIMED_OUT,
-                        "readFrame timeout.", 300s},
+        ServerKilledRow{Stack::ThreadedEncrypted, "readFrame timeout.", 300s},
         // TUSBSocket has no time-out: it ends when the node reports end of data.
-        ServerKilledRow{Stack::Blocking, TTransportException::TIMED_OUT,
-                        "recv timeout expired", 0ms},
-        ServerKilledRow{Stack::BlockingEncrypted, TTransportException::TIMED_OUT,
-                        "recv timeout expired", 0ms}),
+        ServerKilledRow{Stack::Blocking, "recv timeout expired", 0ms},
+        ServerKilledRow{Stack::BlockingEncrypted, "recv timeout expired", 0ms}),
     [](const auto& info) { return ::testing::PrintToString(info.param.stack); });
 
 // ---------------------------------------------------------------------------
 // The host process killed half way through writing a request; the server, in this
 // process, must end that connection as its stack prescribes and serve the next host.
 // (The threaded stack without frames: GadgetServerTest's HostThatVanishesMidCall.)
+
+namespace {
 
 // Serves Gadget calls on every connection the server transport hands out, one after
 // the other, and keeps how each connection ended, until the server is interrupted.
@@ -391,15 +366,15 @@ public:
     // connection, which the next interrupt closes.
     do {
       server_.interrupt();
-    } while (!waitUntil([this] { return finished_.load(); }, std::chrono::milliseconds(50)));
+    } while (!waitUntil([this] { return finished_.load(); }, 50ms));
     thread_.join();
   }
 
-  /** How the first @p n connections ended, once they have (bounded wait). */
-  std::vector<Outcome> ends(size_t n) {
+  // How the connections ended, once at least one has (bounded wait).
+  std::vector<Outcome> ends() {
     waitUntil([&] {
       std::lock_guard<std::mutex> lock(mutex_);
-      return ends_.size() >= n;
+      return !ends_.empty();
     });
     std::lock_guard<std::mutex> lock(mutex_);
     return ends_;
@@ -427,9 +402,8 @@ private:
           }
         });
       } catch (const std::exception& e) { // not a transport failure: shown as a wrong end
-        end.threw = true;
-        end.message = std::string("not a transport exception: ") + e.what();
-        end.at = Clock::now();
+        end = {true, TTransportException::UNKNOWN,
+               std::string("not a transport exception: ") + e.what(), Clock::now()};
       }
       // Closed before the end is told, so that the next host's bytes reach the next
       // connection only.
@@ -449,6 +423,8 @@ private:
   PeerThread thread_;
 };
 
+} // namespace
+
 using HostKilledMidCall = FaultMatrixRows<Stack>;
 
 TEST_P(HostKilledMidCall, TheServerEndsThatConnectionAndServesTheNextHost) {
@@ -458,17 +434,23 @@ TEST_P(HostKilledMidCall, TheServerEndsThatConnectionAndServesTheNextHost) {
   VirtualCable cable;
   const auto device = cable.device();
   const std::string ready = dir.file("ready");
+  auto killHost = [&] {
+    auto host = dyingHost(dir, cable.host().writePath, halfARequest(stack), ready);
+    ASSERT_TRUE(waitUntil([&] { return exists(ready); }));
+    if (!threaded(stack)) {
+      cable.unplug();
+    }
+    host->kill(SIGKILL);
+    ASSERT_NE(host->waitFor(), -1);
+  };
 
   if (threaded(stack)) {
     // The cable stays plugged, as a gadget driver holds its endpoints: the killed
     // host's bytes stop coming, and the connection's read time-out (3 s) ends it.
     ConnectionLoop server(device, encrypted(stack) ? makeDemoCipher() : nullptr);
-    auto host = dyingHost(dir, cable.host().writePath, halfARequest(stack), ready);
-    ASSERT_TRUE(waitUntil([&] { return exists(ready); }));
-    host->kill(SIGKILL);
-    ASSERT_NE(host->waitFor(), -1);
+    ASSERT_NO_FATAL_FAILURE(killHost());
     const auto killed = Clock::now();
-    const auto ends = server.ends(1);
+    const auto ends = server.ends();
     ASSERT_EQ(ends.size(), 1u);
     EXPECT_TRUE(endedWith(ends[0], TTransportException::TIMED_OUT, "read timeout."));
     EXPECT_LT(ends[0].at - killed, 3000ms + kMargin);
@@ -489,21 +471,17 @@ TEST_P(HostKilledMidCall, TheServerEndsThatConnectionAndServesTheNextHost) {
   server.transport->open();
   std::ostringstream serverLog;
   GadgetProcessor processor(std::make_shared<GadgetHandler>(serverLog));
-  std::optional<TTransportException> end;
-  PeerThread serving([&] { end = serveUntilHangUp(processor, server.protocol); });
-  auto host = dyingHost(dir, cable.host().writePath, halfARequest(stack), ready);
-  ASSERT_TRUE(waitUntil([&] { return exists(ready); }));
-  cable.unplug();
-  host->kill(SIGKILL);
-  ASSERT_NE(host->waitFor(), -1);
+  Outcome end;
+  PeerThread serving([&] {
+    const TTransportException e = serveUntilHangUp(processor, server.protocol);
+    end = {true, e.getType(), e.what(), Clock::now()};
+  });
+  ASSERT_NO_FATAL_FAILURE(killHost());
   const auto killed = Clock::now();
   ASSERT_TRUE(serving.waitFor(kMargin));
   serving.join();
-  const auto ended = Clock::now();
-  ASSERT_TRUE(end.has_value());
-  EXPECT_EQ(end->getType(), TTransportException::TIMED_OUT);
-  EXPECT_STREQ(end->what(), "recv timeout expired");
-  EXPECT_LT(ended - killed, kMargin);
+  EXPECT_TRUE(endedWith(end, TTransportException::TIMED_OUT, "recv timeout expired"));
+  EXPECT_LT(end.at - killed, kMargin);
   EXPECT_EQ(serverLog.str(), ""); // the half request was never served
   server.transport->close();
 }
@@ -511,76 +489,17 @@ TEST_P(HostKilledMidCall, TheServerEndsThatConnectionAndServesTheNextHost) {
 INSTANTIATE_TEST_SUITE_P(Stacks, HostKilledMidCall,
                          ::testing::Values(Stack::ThreadedEncrypted, Stack::Blocking,
                                            Stack::BlockingEncrypted),
-                         [](const auto& info) { return ::testing::PrintToString(info.param); });
+                         kRowName);
 
 // ---------------------------------------------------------------------------
 // Device nodes replaced and removed while a transport has them open: the open
 // descriptors keep their node; a reopen finds the new node, or fails cleanly once
 // there is none.
 
-// One USB transport under test with what it takes to move bytes through it.
-class NodeUser {
-public:
-  virtual ~NodeUser() = default;
-  virtual TTransport& transport() = 0;
-  virtual void send(const std::string& bytes) = 0;
-  virtual std::string receive(size_t n) = 0;
-  virtual std::string openFailure(const VirtualCable::End& end) const = 0;
-};
-
-class UsbSocketUser : public NodeUser {
-public:
-  explicit UsbSocketUser(const VirtualCable::End& end) : socket_(end.readPath, end.writePath, 0, 64) {}
-  TTransport& transport() override { return socket_; }
-  void send(const std::string& bytes) override {
-    socket_.write(u8(bytes), static_cast<uint32_t>(bytes.size()));
-  }
-  std::string receive(size_t n) override {
-    std::string out(n, '\0');
-    socket_.read(reinterpret_cast<uint8_t*>(&out[0]), static_cast<uint32_t>(n));
-    return out;
-  }
-  std::string openFailure(const VirtualCable::End& end) const override {
-    return "Not found usb reading device: " + end.readPath;
-  }
-
-private:
-  TUSBSocket socket_;
-};
-
-class ThreadedUser : public NodeUser {
-public:
-  explicit ThreadedUser(const VirtualCable::End& end)
-    : socket_(std::make_shared<TUsbDevice>(end.readPath, end.writePath, false, 64, 64), 5000,
-              5000, 4096) {}
-  TTransport& transport() override { return socket_; }
-  void send(const std::string& bytes) override {
-    socket_.write(u8(bytes), static_cast<uint32_t>(bytes.size()));
-    socket_.flush();
-  }
-  std::string receive(size_t n) override {
-    std::string out(n, '\0');
-    socket_.readAll(reinterpret_cast<uint8_t*>(&out[0]), static_cast<uint32_t>(n));
-    return out;
-  }
-  std::string openFailure(const VirtualCable::End&) const override {
-    return "Failed to open usb device.";
-  }
-
-private:
-  TNonblockingUsbSocket socket_;
-};
-
-using NodeUserFactory = std::function<std::unique_ptr<NodeUser>(const VirtualCable::End&)>;
-
 struct NodeRow {
   const char* name;
-  NodeUserFactory make;
+  bool threaded; // TNonblockingUsbSocket, else TUSBSocket
 };
-
-std::ostream& operator<<(std::ostream& out, const NodeRow& row) {
-  return out << row.name;
-}
 
 using DeviceNodeChanged = FaultMatrixRows<NodeRow>;
 
@@ -597,59 +516,65 @@ TEST_P(DeviceNodeChanged, OpenDescriptorsKeepTheirNodeAndAReopenFollowsThePath) 
                 openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK)};
   };
   Peer firstPeer = peerOf(first), secondPeer = peerOf(second);
-  auto user = GetParam().make(path);
+  std::shared_ptr<TTransport> user;
+  if (GetParam().threaded) {
+    user = std::make_shared<TNonblockingUsbSocket>(
+        std::make_shared<TUsbDevice>(path.readPath, path.writePath, false, 64, 64), 5000, 5000,
+        4096);
+  } else {
+    user = std::make_shared<TUSBSocket>(path.readPath, path.writePath, 0, 64);
+  }
   auto roundTrip = [&](Peer& peer, const std::string& tag) {
-    user->send("to " + tag);
-    EXPECT_EQ(readExactly(peer.in.get(), 3 + tag.size()), "to " + tag);
-    writeAll(peer.out.get(), "from " + tag);
-    EXPECT_EQ(user->receive(5 + tag.size()), "from " + tag);
+    const std::string out = "to " + tag, in = "from " + tag;
+    user->write(u8(out), static_cast<uint32_t>(out.size()));
+    user->flush();
+    EXPECT_EQ(readExactly(peer.in.get(), out.size()), out);
+    writeAll(peer.out.get(), in);
+    std::string got(in.size(), '\0');
+    user->readAll(u8(got), static_cast<uint32_t>(got.size()));
+    EXPECT_EQ(got, in);
   };
-  user->transport().open();
+  user->open();
 
   // Replaced: the second cable's nodes take the first one's paths.
   const auto replacement = second.host();
   ASSERT_EQ(::rename(replacement.readPath.c_str(), path.readPath.c_str()), 0);
   ASSERT_EQ(::rename(replacement.writePath.c_str(), path.writePath.c_str()), 0);
   roundTrip(firstPeer, "old node");
-  user->transport().close();
-  user->transport().open();
+  user->close();
+  user->open();
   roundTrip(secondPeer, "new node");
 
   // Removed: the open transport goes on; a reopen fails as for a missing node.
   ASSERT_EQ(::unlink(path.readPath.c_str()), 0);
   ASSERT_EQ(::unlink(path.writePath.c_str()), 0);
   roundTrip(secondPeer, "gone node");
-  user->transport().close();
-  EXPECT_TRUE(throwsTransport([&] { user->transport().open(); }, TTransportException::NOT_OPEN,
-                              user->openFailure(path)));
-  EXPECT_FALSE(user->transport().isOpen());
+  user->close();
+  EXPECT_TRUE(throwsTransport([&] { user->open(); }, TTransportException::NOT_OPEN,
+                              GetParam().threaded
+                                  ? "Failed to open usb device."
+                                  : "Not found usb reading device: " + path.readPath));
+  EXPECT_FALSE(user->isOpen());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Transports, DeviceNodeChanged,
-    ::testing::Values(
-        NodeRow{"TUSBSocket",
-                [](const VirtualCable::End& e) { return std::make_unique<UsbSocketUser>(e); }},
-        NodeRow{"Threaded",
-                [](const VirtualCable::End& e) { return std::make_unique<ThreadedUser>(e); }}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Transports, DeviceNodeChanged,
+                         ::testing::Values(NodeRow{"TUSBSocket", false},
+                                           NodeRow{"Threaded", true}),
+                         kRowName);
 
 // ---------------------------------------------------------------------------
-// The channel fails under the threaded transport: the write side's reader has gone
-// (EPIPE), or the device reports that it is gone (ENODEV from read). Every call on
-// the broken side then fails with INTERRUPTED within a polling step, whatever its own
-// time-out, and close() still leaves nothing behind. (TUSBSocket's failed reads:
-// TUSBSocketTest's ReturnsTheWholeLengthInBlocksOrThrowsAndStaysOpen.)
+// The channel fails: the write side's reader has gone (EPIPE), or the device reports
+// that it is gone (ENODEV from read). Under the threaded transport every call on the
+// broken side then fails with INTERRUPTED within a polling step, whatever its own
+// time-out, and close() still leaves nothing behind; TUSBSocket reports the broken
+// pipe itself. (TUSBSocket's failed reads: TUSBSocketTest's
+// ReturnsTheWholeLengthInBlocksOrThrowsAndStaysOpen.)
 
 struct BrokenRow {
   const char* name;
   bool nonblocking;
   bool readSide; // true: ENODEV on read; false: the write side's reader gone
 };
-
-std::ostream& operator<<(std::ostream& out, const BrokenRow& row) {
-  return out << row.name;
-}
 
 using ChannelBroken = FaultMatrixRows<BrokenRow>;
 
@@ -668,24 +593,28 @@ TEST_P(ChannelBroken, CallsOnTheBrokenSideFailWithInterrupted) {
   spy.watch(descriptorsOpenedBy([&] { socket.open(); }));
   uint8_t buf[2];
   const std::string bytes = patternBytes(100);
+  auto writeFails = [&] {
+    return throwsTransport([&] { socket.write(u8(bytes), 100); },
+                           TTransportException::INTERRUPTED, "Failed to write.");
+  };
+  auto readFails = [&](uint32_t n) {
+    return throwsTransport([&] { socket.readAll(buf, n); }, TTransportException::INTERRUPTED,
+                           "Failed to read.");
+  };
 
   if (row.readSide) {
     spy.failNext(Sys::Read, ENODEV);
     writeAll(peerOut.get(), "x"); // wakes a reader blocked in the node
     const auto start = Clock::now();
-    // Two bytes never come: only the failure ends the wait.
-    EXPECT_TRUE(throwsTransport([&] { socket.readAll(buf, 2); }, TTransportException::INTERRUPTED,
-                                "Failed to read."));
+    EXPECT_TRUE(readFails(2)); // two bytes never come: only the failure ends the wait
     EXPECT_LT(Clock::now() - start, kMargin);
     if (!row.nonblocking) { // the reader thread has gone: the read side stays broken
-      EXPECT_TRUE(throwsTransport([&] { socket.read(buf, 1); }, TTransportException::INTERRUPTED,
-                                  "Failed to read."));
+      EXPECT_TRUE(readFails(1));
     }
   } else {
     cable.unplug(); // nobody reads the request node any more: EPIPE
     if (row.nonblocking) {
-      EXPECT_TRUE(throwsTransport([&] { socket.write(u8(bytes), 100); },
-                                  TTransportException::INTERRUPTED, "Failed to write."));
+      EXPECT_TRUE(writeFails());
     } else {
       // The write lands in the queue; the writer thread fails on it and ends. A flush
       // that looks before that may find the queue already taken and return.
@@ -696,8 +625,7 @@ TEST_P(ChannelBroken, CallsOnTheBrokenSideFailWithInterrupted) {
                               "Failed to flush usb device."));
       }
       ASSERT_TRUE(waitUntil([&] { return log.count("write thread exit at 1.") == 1; }));
-      EXPECT_TRUE(throwsTransport([&] { socket.write(u8(bytes), 100); },
-                                  TTransportException::INTERRUPTED, "Failed to write."));
+      EXPECT_TRUE(writeFails());
       EXPECT_TRUE(throwsTransport([&] { socket.flush(); }, TTransportException::INTERRUPTED,
                                   "Failed to flush usb device."));
     }
@@ -707,13 +635,12 @@ TEST_P(ChannelBroken, CallsOnTheBrokenSideFailWithInterrupted) {
   EXPECT_FALSE(socket.isOpen());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Modes, ChannelBroken,
-    ::testing::Values(BrokenRow{"BlockingReadFails", false, true},
-                      BrokenRow{"NonBlockingReadFails", true, true},
-                      BrokenRow{"BlockingReaderGone", false, false},
-                      BrokenRow{"NonBlockingReaderGone", true, false}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Modes, ChannelBroken,
+                         ::testing::Values(BrokenRow{"BlockingReadFails", false, true},
+                                           BrokenRow{"NonBlockingReadFails", true, true},
+                                           BrokenRow{"BlockingReaderGone", false, false},
+                                           BrokenRow{"NonBlockingReaderGone", true, false}),
+                         kRowName);
 
 TEST_F(FaultMatrix, TUSBSocketWriteWithTheReaderGoneFailsWithBrokenPipe) {
   VirtualCable cable;
@@ -774,82 +701,81 @@ TEST_F(FaultMatrix, ServerInterruptedDuringACallOnANonBlockingConnection) {
 
 namespace {
 
-// Two threaded transports on cables, open, with the test's ends of the cables.
-struct OpenLinks {
-  struct Link {
-    explicit Link(int timeoutMs)
-      : socket(std::make_shared<TUsbDevice>(cable.host().readPath, cable.host().writePath,
-                                            false, 64, 64),
-               timeoutMs, timeoutMs, 4096),
-        peerIn(openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK)),
-        peerOut(openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK)) {
-      socket.open();
-    }
-    VirtualCable cable;
-    TNonblockingUsbSocket socket;
-    UniqueFd peerIn, peerOut;
-  };
+// A threaded transport on a cable of its own, open, with the test's end of the cable.
+struct OpenLink {
+  OpenLink()
+    : socket(std::make_shared<TUsbDevice>(cable.host().readPath, cable.host().writePath, false,
+                                          64, 64),
+             60000, 60000, 4096),
+      peerIn(openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK)),
+      peerOut(openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK)) {
+    socket.open();
+  }
 
-  explicit OpenLinks(int timeoutMs = 60000) : a(timeoutMs), b(timeoutMs) {}
-  Link a, b;
+  // Whether @p bytes sent through the transport reach the peer.
+  bool sends(const std::string& bytes) {
+    socket.write(u8(bytes), static_cast<uint32_t>(bytes.size()));
+    socket.flush();
+    return readExactly(peerIn.get(), bytes.size()) == bytes;
+  }
+
+  VirtualCable cable;
+  TNonblockingUsbSocket socket;
+  UniqueFd peerIn, peerOut;
 };
+
+// Closes both links, within the margin.
+void closeInTime(OpenLink (&links)[2]) {
+  const auto start = Clock::now();
+  links[0].socket.close();
+  links[1].socket.close();
+  EXPECT_LT(Clock::now() - start, kMargin);
+}
 
 // Whether a SIGINT waits to be taken by some thread of this process: in the process's
 // shared set or in one thread's own. Once none does, every handler has run.
 bool sigintPending() {
   const unsigned long long bit = 1ULL << (SIGINT - 1);
-  auto pendingIn = [&](const std::string& status, const char* field) {
+  auto pendingIn = [&](const std::string& status, const std::string& field) {
     std::ifstream in(status);
     std::string line;
     while (std::getline(in, line)) {
       if (line.rfind(field, 0) == 0) {
-        return (std::stoull(line.substr(std::string(field).size()), nullptr, 16) & bit) != 0;
+        return (std::stoull(line.substr(field.size()), nullptr, 16) & bit) != 0;
       }
     }
     return false;
   };
-  if (pendingIn("/proc/self/status", "ShdPnd:")) {
-    return true;
-  }
+  bool pending = pendingIn("/proc/self/status", "ShdPnd:");
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (pendingIn(task.path().string() + "/status", "SigPnd:")) {
-      return true;
-    }
+    pending = pending || pendingIn(task.path().string() + "/status", "SigPnd:");
   }
-  return false;
+  return pending;
 }
 
-sigset_t sigintOnly() {
+const sigset_t kSigintOnly = [] {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   return set;
-}
+}();
 
 // Whether @p link still carries bytes both ways, or has lost the side whose thread
 // received a SIGINT: then that side's call fails with INTERRUPTED.
-::testing::AssertionResult worksOrIsInterrupted(OpenLinks::Link& link) {
+::testing::AssertionResult worksOrIsInterrupted(OpenLink& link) {
   const std::string bytes = patternBytes(50, 9);
-  const Outcome sent = outcomeOf([&] {
-    link.socket.write(u8(bytes), 50);
-    link.socket.flush();
-  });
-  if (sent.threw && !(sent.type == TTransportException::INTERRUPTED)) {
+  bool arrived = false;
+  const Outcome sent = outcomeOf([&] { arrived = link.sends(bytes); });
+  if (sent.threw ? sent.type != TTransportException::INTERRUPTED : !arrived) {
     return ::testing::AssertionFailure() << "sending " << sent;
-  }
-  if (!sent.threw && readExactly(link.peerIn.get(), 50) != bytes) {
-    return ::testing::AssertionFailure() << "sent bytes differ";
   }
   writeAll(link.peerOut.get(), bytes);
   std::string got(50, '\0');
-  const Outcome received =
-      outcomeOf([&] { link.socket.readAll(reinterpret_cast<uint8_t*>(&got[0]), 50); });
-  if (received.threw && !(received.type == TTransportException::INTERRUPTED &&
-                          received.message == "Failed to read.")) {
+  const Outcome received = outcomeOf([&] { link.socket.readAll(u8(got), 50); });
+  if (received.threw
+          ? !bool(endedWith(received, TTransportException::INTERRUPTED, "Failed to read."))
+          : got != bytes) {
     return ::testing::AssertionFailure() << "receiving " << received;
-  }
-  if (!received.threw && got != bytes) {
-    return ::testing::AssertionFailure() << "received bytes differ";
   }
   return ::testing::AssertionSuccess();
 }
@@ -858,66 +784,52 @@ sigset_t sigintOnly() {
 
 TEST_F(FaultMatrix, SigintToAThreadOfTheApplicationLeavesOpenTransportsWorking) {
   Watchdog watchdog;
-  OpenLinks links;
+  OpenLink links[2];
   // A call waits on one transport while the application's own thread takes SIGINTs:
   // the handler only marks that thread, and the transports go on.
   std::string got(4, '\0');
-  PeerThread waiting([&] { links.a.socket.readAll(reinterpret_cast<uint8_t*>(&got[0]), 4); });
+  PeerThread waiting([&] { links[0].socket.readAll(u8(got), 4); });
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(::pthread_kill(::pthread_self(), SIGINT), 0);
   }
   EXPECT_EQ(apache::thrift::transport::quit, 1);
-  writeAll(links.a.peerOut.get(), "live");
+  writeAll(links[0].peerOut.get(), "live");
   waiting.join();
   EXPECT_EQ(got, "live");
-  for (auto* link : {&links.a, &links.b}) {
-    const std::string bytes = patternBytes(30, 2);
-    link->socket.write(u8(bytes), 30);
-    link->socket.flush();
-    EXPECT_EQ(readExactly(link->peerIn.get(), 30), bytes);
+  for (auto& link : links) {
+    EXPECT_TRUE(link.sends(patternBytes(30, 2)));
   }
-  links.a.socket.close();
-  links.b.socket.close();
+  closeInTime(links);
 }
 
 TEST_F(FaultMatrix, SigintToTheProcessWhateverThreadTakesItNeverEndsIt) {
   Watchdog watchdog;
-  OpenLinks links;
+  OpenLink links[2];
   // The main thread refuses SIGINT for a moment, so that the kernel hands each one to
   // some other thread: a transport's reader or writer among them, which then ends.
-  const sigset_t sigint = sigintOnly();
-  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &sigint, nullptr), 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &kSigintOnly, nullptr), 0);
   for (int i = 0; i < 4; ++i) {
     ASSERT_EQ(::kill(::getpid(), SIGINT), 0);
     ASSERT_TRUE(waitUntil([] { return !sigintPending(); }));
   }
-  ASSERT_EQ(::pthread_sigmask(SIG_UNBLOCK, &sigint, nullptr), 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_UNBLOCK, &kSigintOnly, nullptr), 0);
   // Still here. Each transport works, or fails on the side that lost its thread.
-  EXPECT_TRUE(worksOrIsInterrupted(links.a));
-  EXPECT_TRUE(worksOrIsInterrupted(links.b));
-  const auto start = Clock::now();
-  links.a.socket.close();
-  links.b.socket.close();
-  EXPECT_LT(Clock::now() - start, kMargin);
+  for (auto& link : links) {
+    EXPECT_TRUE(worksOrIsInterrupted(link));
+  }
+  closeInTime(links);
 }
 
 TEST_F(FaultMatrix, TransportOpenedWhereSigintIsBlockedStillCloses) {
   Watchdog watchdog;
   // An application that blocks SIGINT, to take signals with sigwait say, and opens a
   // transport from that thread: the transport's threads must still stop on close.
-  const sigset_t sigint = sigintOnly();
   sigset_t previous;
-  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &sigint, &previous), 0);
+  ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &kSigintOnly, &previous), 0);
   {
-    OpenLinks links;
-    const std::string bytes = patternBytes(20, 5);
-    links.a.socket.write(u8(bytes), 20);
-    links.a.socket.flush();
-    EXPECT_EQ(readExactly(links.a.peerIn.get(), 20), bytes);
-    const auto start = Clock::now();
-    links.a.socket.close();
-    links.b.socket.close();
-    EXPECT_LT(Clock::now() - start, kMargin);
+    OpenLink links[2];
+    EXPECT_TRUE(links[0].sends(patternBytes(20, 5)));
+    closeInTime(links);
   }
   ASSERT_EQ(::pthread_sigmask(SIG_SETMASK, &previous, nullptr), 0);
 }
@@ -942,20 +854,20 @@ std::string frameOf(const std::string& payload, bool encrypt) {
   return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)} + body;
 }
 
+enum class Framed { OverUsbSocket, OverThreaded, OverThreadedPlain };
+
 // A framed transport over a USB transport on the host end of a cable, open.
 struct FramedLink {
-  enum Kind { OverUsbSocket, OverThreaded, OverThreadedPlain };
-
-  explicit FramedLink(Kind kind) {
+  explicit FramedLink(Framed kind) {
     const auto end = cable.host();
-    if (kind == OverUsbSocket) {
+    if (kind == Framed::OverUsbSocket) {
       auto usb = std::make_shared<TUSBSocket>(end.readPath, end.writePath, 0, 64);
       framed = std::make_shared<TSecurityTransport>(usb, makeDemoCipher());
     } else {
       auto usb = std::make_shared<TNonblockingUsbSocket>(
           std::make_shared<TUsbDevice>(end.readPath, end.writePath, false, 64, 64), 200, 200,
           4096);
-      const bool encrypt = kind == OverThreaded;
+      const bool encrypt = kind == Framed::OverThreaded;
       framed = std::make_shared<TNonblockingSecurityTransport>(
           usb, encrypt ? makeDemoCipher() : nullptr, encrypt);
     }
@@ -970,28 +882,24 @@ struct FramedLink {
 
 } // namespace
 
-struct CutRow {
+struct FrameRow {
   const char* name;
-  FramedLink::Kind kind;
+  Framed kind;
   std::chrono::milliseconds timeout;
   const char* message;
 };
 
-std::ostream& operator<<(std::ostream& out, const CutRow& row) {
-  return out << row.name;
-}
-
-using FrameBodyCutShort = FaultMatrixRows<CutRow>;
+using FrameBodyCutShort = FaultMatrixRows<FrameRow>;
 
 TEST_P(FrameBodyCutShort, EndsWithTheInnerTransportsTimeOut) {
-  const CutRow row = GetParam();
+  const FrameRow row = GetParam();
   Watchdog watchdog;
   FramedLink link(row.kind);
   // A header for 48 body bytes, 20 of which come; then the peer falls silent, or for
   // TUSBSocket hangs up (it has no time-out of its own).
-  writeAll(link.peerOut.get(), frameOf(patternBytes(40, 1), row.kind != FramedLink::OverThreadedPlain)
-                                   .substr(0, 24));
-  if (row.kind == FramedLink::OverUsbSocket) {
+  writeAll(link.peerOut.get(),
+           frameOf(patternBytes(40, 1), row.kind != Framed::OverThreadedPlain).substr(0, 24));
+  if (row.kind == Framed::OverUsbSocket) {
     link.cable.unplug();
     link.peerOut.reset();
   }
@@ -1004,19 +912,17 @@ TEST_P(FrameBodyCutShort, EndsWithTheInnerTransportsTimeOut) {
 
 INSTANTIATE_TEST_SUITE_P(
     Stacks, FrameBodyCutShort,
-    ::testing::Values(CutRow{"EncryptedOverUsbSocket", FramedLink::OverUsbSocket, 0ms,
-                             "recv timeout expired"},
-                      CutRow{"EncryptedOverThreaded", FramedLink::OverThreaded, 200ms,
-                             "read timeout."},
-                      CutRow{"PlainOverThreaded", FramedLink::OverThreadedPlain, 200ms,
-                             "read timeout."}),
-    [](const auto& info) { return std::string(info.param.name); });
+    ::testing::Values(
+        FrameRow{"EncryptedOverUsbSocket", Framed::OverUsbSocket, 0ms, "recv timeout expired"},
+        FrameRow{"EncryptedOverThreaded", Framed::OverThreaded, 200ms, "read timeout."},
+        FrameRow{"PlainOverThreaded", Framed::OverThreadedPlain, 200ms, "read timeout."}),
+    kRowName);
 
-using BodyThatDoesNotDecrypt = FaultMatrixRows<FramedLink::Kind>;
+using BodyThatDoesNotDecrypt = FaultMatrixRows<FrameRow>;
 
 TEST_P(BodyThatDoesNotDecrypt, GivesNoBytesAndTheNextFrameReadsNormally) {
   Watchdog watchdog;
-  FramedLink link(GetParam());
+  FramedLink link(GetParam().kind);
   // Two cipher blocks of noise: their padding does not check out, so the frame has
   // no payload. The stream stays in step: the next frame is read as usual.
   writeAll(link.peerOut.get(), std::string("\0\0\0\x20", 4) + patternBytes(32, 8) +
@@ -1027,9 +933,6 @@ TEST_P(BodyThatDoesNotDecrypt, GivesNoBytesAndTheNextFrameReadsNormally) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Stacks, BodyThatDoesNotDecrypt,
-                         ::testing::Values(FramedLink::OverUsbSocket, FramedLink::OverThreaded),
-                         [](const auto& info) {
-                           return std::string(info.param == FramedLink::OverUsbSocket
-                                                  ? "OverUsbSocket"
-                                                  : "OverThreaded");
-                         });
+                         ::testing::Values(FrameRow{"OverUsbSocket", Framed::OverUsbSocket, 0ms, ""},
+                                           FrameRow{"OverThreaded", Framed::OverThreaded, 0ms, ""}),
+                         kRowName);

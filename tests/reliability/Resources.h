@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,12 +19,8 @@ namespace test {
 
 /** The threads of this process now (/proc/self/task). */
 inline size_t threadCount() {
-  size_t n = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    (void)entry;
-    ++n;
-  }
-  return n;
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                           std::filesystem::directory_iterator()));
 }
 
 /** The threads and descriptors of this process at one moment. */
@@ -50,12 +47,11 @@ struct Resources {
  * so the count is given a short while to settle.
  */
 inline ::testing::AssertionResult backTo(const Resources& before) {
-  Resources after = Resources::now();
-  waitUntil([&] {
-    after = Resources::now();
-    return after.threads == before.threads && after.fds == before.fds;
-  }, std::chrono::milliseconds(2000));
-  if (after.threads == before.threads && after.fds == before.fds) {
+  Resources after{};
+  if (waitUntil([&] {
+        after = Resources::now();
+        return after.threads == before.threads && after.fds == before.fds;
+      }, std::chrono::milliseconds(2000))) {
     return ::testing::AssertionSuccess();
   }
   return ::testing::AssertionFailure() << "before: " << before.describe()

@@ -35,6 +35,9 @@ public:
    */
   int waitFor(std::chrono::milliseconds limit = kPeerLimit);
 
+  /** The child's process id; -1 once it has been reaped. */
+  pid_t pid() const { return pid_; }
+
 private:
   pid_t pid_ = -1;
   int status_ = -1;

@@ -50,15 +50,9 @@ long steer(Sys kind, int fd, size_t length, Real real) {
     return real();
   }
   SyscallSpy::Outcome outcome{};
-  long result;
-  int error = 0;
-  if (spy->takeOutcome(kind, outcome)) {
-    result = outcome.error != 0 ? -1 : outcome.value;
-    error = outcome.error;
-  } else {
-    result = real();
-    error = result < 0 ? errno : 0;
-  }
+  const bool scripted = spy->takeOutcome(kind, outcome);
+  const long result = scripted ? (outcome.error != 0 ? -1 : outcome.value) : real();
+  const int error = scripted ? outcome.error : (result < 0 ? errno : 0);
   spy->record({kind, fd, length, result, error});
   errno = error;
   return result;
@@ -90,16 +84,12 @@ void SyscallSpy::watch(const std::set<int>& fds) {
 
 void SyscallSpy::failNext(Sys call, int error, int times) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (int i = 0; i < times; ++i) {
-    script_[call].push_back({-1, error});
-  }
+  script_[call].insert(script_[call].end(), static_cast<size_t>(times), Outcome{-1, error});
 }
 
 void SyscallSpy::returnNext(Sys call, long value, int times) {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (int i = 0; i < times; ++i) {
-    script_[call].push_back({value, 0});
-  }
+  script_[call].insert(script_[call].end(), static_cast<size_t>(times), Outcome{value, 0});
 }
 
 void SyscallSpy::setInstantSleeps(bool instant) {
@@ -163,15 +153,11 @@ void SyscallSpy::failThreadStart(int after, int error) {
   threadStartError_ = error;
 }
 
+// The scripted failure comes once, after the given number of successful starts.
 int SyscallSpy::takeThreadStartError() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (threadStartsBeforeFailure_ < 0) {
-    return 0;
-  }
-  if (threadStartsBeforeFailure_-- > 0) {
-    return 0;
-  }
-  return threadStartError_;
+  return threadStartsBeforeFailure_ < 0 || threadStartsBeforeFailure_-- > 0 ? 0
+                                                                             : threadStartError_;
 }
 
 void SyscallSpy::setVirtualTime(bool on) {
