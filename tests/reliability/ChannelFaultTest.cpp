@@ -14,7 +14,6 @@
 #include <string>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -28,6 +27,7 @@
 #include "support/EmulatedUsbDevice.h"
 #include "support/Expect.h"
 #include "support/FdIo.h"
+#include "support/ForkedChild.h"
 #include "support/LogCapture.h"
 
 using apache::thrift::transport::TCupsDevice;
@@ -155,54 +155,25 @@ enum class Backend { Listening, Gone };
 
 // Runs @p body in such a child and returns its report, or what went wrong with it.
 std::string runInFilter(Backend backend, const std::function<std::string()>& body) {
-  int report[2];
   int back[2];
   int out[2];
-  if (::pipe(report) != 0 || ::pipe(back) != 0 || ::pipe(out) != 0) {
+  if (::pipe(back) != 0 || ::pipe(out) != 0) {
     return "no pipes";
   }
-  UniqueFd backendEnd(out[0]);
+  // The printer's end of the back channel stays open and silent, and so does the
+  // backend's end of standard output unless it has gone before the filter starts.
+  UniqueFd printer(back[1]), backendEnd(out[0]), backIn(back[0]), toBackend(out[1]);
   if (backend == Backend::Gone) {
-    backendEnd.reset(); // before the child starts: it never has a reader
+    backendEnd.reset();
   }
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    const int reportFd = ::fcntl(report[1], F_DUPFD, 10);
-    const int backFd = ::fcntl(back[0], F_DUPFD, 10);
-    ::dup2(backFd, 3);
+  return reportFromChild([&] {
+    ::dup2(backIn.get(), 3);
     ::fcntl(3, F_SETFL, O_NONBLOCK);
-    ::dup2(out[1], STDOUT_FILENO);
+    ::dup2(toBackend.get(), STDOUT_FILENO);
     std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
     std::signal(SIGPIPE, SIG_IGN);
-    writeAll(reportFd, body());
-    ::_exit(0);
-  }
-  // The printer's end of the back channel stays open and silent, and so does the
-  // backend's end of standard output unless it has gone.
-  UniqueFd reportIn(report[0]), printer(back[1]);
-  ::close(report[1]);
-  ::close(back[0]);
-  ::close(out[1]);
-  if (pid < 0) {
-    return "no child";
-  }
-  int status = 0;
-  if (!waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; })) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-    return "hung";
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return "died, wait status " + std::to_string(status);
-  }
-  std::string text;
-  char chunk[256];
-  ssize_t n;
-  while ((n = ::read(reportIn.get(), chunk, sizeof chunk)) > 0) {
-    text.append(chunk, static_cast<size_t>(n));
-  }
-  return text;
+    return body();
+  });
 }
 
 // What @p call threw: "<type> <message>", with "late" added when it ended later than

@@ -46,7 +46,7 @@
 #include "Gadget.h"
 #include "GadgetCalls.h"
 #include "GadgetHandler.h"
-#include "Resources.h"
+#include "support/Resources.h"
 #include "ThreadedLink.h"
 #include "demo_constants.h"
 #include "support/Bounded.h"

@@ -34,7 +34,7 @@
 
 #include "DemoOptions.h"
 #include "Gadget.h"
-#include "Resources.h"
+#include "support/Resources.h"
 #include "ThreadedLink.h"
 #include "support/Bounded.h"
 #include "support/VirtualCable.h"

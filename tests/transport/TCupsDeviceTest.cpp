@@ -1,20 +1,19 @@
 #include <thriftusb/transport/TCupsDevice.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <string>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "support/Bounded.h"
 #include "support/FdIo.h"
+#include "support/ForkedChild.h"
 
 using apache::thrift::transport::TCupsDevice;
 using namespace thriftusb::test;
@@ -119,21 +118,11 @@ void setUpBackChannel(BackChannel kind) {
  * it reports, or "hung" when the child has not finished within kChildLimit.
  */
 std::string runAsFilter(BackChannel backChannel, const std::function<std::string(Filter&)>& body) {
-  int result[2];
-  if (::pipe(result) != 0) {
-    return "no pipe";
-  }
-  std::fflush(nullptr); // nothing of this process's buffers may reach the child's output
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::close(result[0]);
-    // Out of the way of descriptor 3, which the back channel takes.
-    const int reportFd = ::fcntl(result[1], F_DUPFD, 10);
-    ::close(result[1]);
+  return reportFromChild([&] {
     setUpBackChannel(backChannel);
     int out[2];
     if (::pipe(out) != 0) {
-      ::_exit(102);
+      return std::string("no pipe");
     }
     ::dup2(out[1], STDOUT_FILENO);
     ::close(out[1]);
@@ -142,24 +131,8 @@ std::string runAsFilter(BackChannel backChannel, const std::function<std::string
     std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
     Filter filter;
     filter.stdoutPeer = out[0];
-    writeAll(reportFd, body(filter));
-    ::_exit(0);
-  }
-  ::close(result[1]);
-  UniqueFd report(result[0]);
-  if (pid < 0) {
-    return "no child";
-  }
-  int status = 0;
-  if (!waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, kChildLimit)) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, &status, 0);
-    return "hung";
-  }
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return "child failed, status " + std::to_string(status);
-  }
-  return drain(report.get());
+    return body(filter);
+  }, kChildLimit);
 }
 
 /**

@@ -25,6 +25,7 @@
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
+#include "support/Resources.h"
 #include "support/SyscallSpy.h"
 #include "support/VirtualCable.h"
 
@@ -37,15 +38,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr unsigned kBlock = 64;
-
-size_t threadCount() {
-  size_t n = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    (void)entry;
-    ++n;
-  }
-  return n;
-}
 
 // Whether some thread of this process is inside the write system call (the writer
 // thread blocked on a full FIFO: no other thread of these tests writes).
@@ -281,8 +273,7 @@ TEST(TNonblockingUsbSocketBlocking, FailureToStartTheWriterLeavesNothingRunningO
   CableLink link(false);
   link.socket.open(); // the first threads of the program: sanitizer helpers start now
   link.socket.close();
-  const size_t threadsBefore = threadCount();
-  const auto fdsBefore = openDescriptors();
+  const Resources before = Resources::now();
   {
     SyscallSpy spy;
     spy.failThreadStart(1, EAGAIN); // the reader starts, the writer does not
@@ -290,8 +281,7 @@ TEST(TNonblockingUsbSocketBlocking, FailureToStartTheWriterLeavesNothingRunningO
                                 "Failed to start usb transport threads."));
   }
   EXPECT_FALSE(link.device->isOpen());
-  EXPECT_EQ(threadCount(), threadsBefore);
-  EXPECT_EQ(openDescriptors(), fdsBefore);
+  EXPECT_TRUE(backTo(before));
 
   link.socket.open(); // nothing of the failed attempt is in the way
   const auto data = bytesOf("after");
@@ -317,11 +307,9 @@ TEST(TNonblockingUsbSocketBlocking, OpenCloseCyclesLeaveNoThreadOrDescriptorBehi
   // One cycle first: a sanitizer runtime starts a helper thread of its own with the
   // first thread the program creates.
   cycles(1);
-  const size_t threadsBefore = threadCount();
-  const auto fdsBefore = openDescriptors();
+  const Resources before = Resources::now();
   cycles(1000);
-  EXPECT_EQ(threadCount(), threadsBefore);
-  EXPECT_EQ(openDescriptors(), fdsBefore);
+  EXPECT_TRUE(backTo(before));
 }
 
 TEST(TNonblockingUsbSocketBlocking, SigintNoLongerEndsTheProcess) {
