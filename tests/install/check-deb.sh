@@ -141,7 +141,7 @@ dpkg-deb --extract "$runtime" "$tmp/runtime"
 for so in "$tmp/runtime/$usr_lib/$soname_file" "$tmp/runtime/$usr_lib/$cipher_soname_file"; do
   for needed in $(objdump -p "$so" | awk '$1 == "NEEDED" {print $2}'); do
     case "$needed" in libthriftusb.so.* | libsm4-cipher.so.*) continue ;; esac
-    owners="$(dpkg -S "*/$needed" 2>/dev/null | sed 's/: .*//; s/:[^,]*//g; s/,/ /g')"
+    owners="$({ dpkg -S "*/$needed" 2>/dev/null || true; } | sed 's/: .*//; s/:[^,]*//g; s/,/ /g')"
     [ -n "$owners" ] || continue
     found=""
     for owner in $owners; do
