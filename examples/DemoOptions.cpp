@@ -3,6 +3,8 @@
 #include <iostream>
 #include <stdexcept>
 
+#include <thrift/TOutput.h>
+
 namespace thriftusb {
 namespace example {
 
@@ -22,7 +24,19 @@ std::string fromHex(const std::string& hex) {
   return bytes;
 }
 
+// The runtime takes a plain function, so the prefix waits in a global.
+const char* logPrefix = "";
+
+void printThriftLog(const char* line) {
+  std::cerr << logPrefix << ": thrift: " << line << std::endl;
+}
+
 } // namespace
+
+void prefixThriftLog(const char* program) {
+  logPrefix = program;
+  apache::thrift::GlobalOutput.setOutputFunction(printThriftLog);
+}
 
 std::shared_ptr<Sm4Cipher> makeDemoCipher(const std::string& keyHex) {
   return std::make_shared<Sm4Cipher>(fromHex(keyHex), Sm4Cipher::Mode::CBC, fromHex(kDemoIvHex));

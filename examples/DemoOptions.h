@@ -47,6 +47,15 @@ struct DemoOptions {
 bool parseDemoOptions(int argc, char** argv, bool allowBlocking, DemoOptions& options);
 
 /**
+ * Sends the Thrift runtime's log lines (the library's diagnostics among them) to
+ * standard error as "PROGRAM: thrift: LINE", so that the output of a server and a
+ * client run side by side reads as one conversation.
+ *
+ * @param program the program's short name ("server", "client"); must outlive the program
+ */
+void prefixThriftLog(const char* program);
+
+/**
  * @p socket inside encrypted frames of type @p Framed when @p cipher is set, or
  * @p socket itself when it is null.
  */

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
   // Nodes that are FIFOs raise SIGPIPE when written without a reader; a failed write
   // must end the serving loop with a message instead of killing the program.
   std::signal(SIGPIPE, SIG_IGN);
+  thriftusb::example::prefixThriftLog("server");
   try {
     BlockingLink link(options.readNode, options.writeNode, options.cipher);
     GadgetProcessor processor(std::make_shared<GadgetHandler>(std::cout));

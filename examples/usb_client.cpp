@@ -45,6 +45,7 @@ int main(int argc, char** argv) {
   // Nodes that are FIFOs raise SIGPIPE when written without a reader; a failed write
   // must end with a message instead of killing the program.
   std::signal(SIGPIPE, SIG_IGN);
+  thriftusb::example::prefixThriftLog("client");
   try {
     bool allRight;
     if (options.blocking) {

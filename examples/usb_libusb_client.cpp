@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "DemoOptions.h"
 #include "GadgetCalls.h"
 #include "LibusbLink.h"
 
@@ -34,6 +35,7 @@ int main(int argc, char** argv) {
               << thriftusb::example::kLibusbTargetUsage << std::endl;
     return 2;
   }
+  thriftusb::example::prefixThriftLog("client");
   try {
     LibusbLink link(target);
     GadgetClient gadget(link.protocol);

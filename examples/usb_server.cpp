@@ -19,19 +19,9 @@
 
 #include <pthread.h>
 
-#include <thrift/TOutput.h>
-
 #include "DemoOptions.h"
 #include "GadgetHandler.h"
 #include "ThreadedLink.h"
-
-namespace {
-
-void printThriftLog(const char* line) {
-  std::cerr << "server: thrift: " << line << std::endl;
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
   thriftusb::example::DemoOptions options;
@@ -47,7 +37,7 @@ int main(int argc, char** argv) {
   sigemptyset(&term);
   sigaddset(&term, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
-  apache::thrift::GlobalOutput.setOutputFunction(printThriftLog);
+  thriftusb::example::prefixThriftLog("server");
   std::shared_ptr<apache::thrift::server::TSimpleServer> server;
   try {
     server = thriftusb::example::makeGadgetServer(

@@ -9,9 +9,12 @@ set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 # Debian 12 packages the build, the tests, the benchmarks, the examples and the API
-# reference (doxygen) use.
+# reference (doxygen) use, with every program they call that a minimal Debian 12
+# (debootstrap's minbase) lacks: file and dpkg-shlibdeps for the Debian packages,
+# readelf and objdump for the package and install checks, openssl for the cipher's
+# known answers, patchelf for the print-job test and the Thrift 0.13 tree.
 packages=(
-  cmake ninja-build pkg-config g++ patchelf
+  cmake ninja-build pkg-config g++ patchelf file dpkg-dev binutils openssl
   libboost-dev libssl-dev libusb-1.0-0-dev libcups2-dev
   libthrift-dev thrift-compiler
   libgtest-dev libgmock-dev libbenchmark-dev

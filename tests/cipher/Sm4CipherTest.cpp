@@ -1,11 +1,13 @@
 #include <thriftusb/cipher/Sm4Cipher.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -134,5 +136,35 @@ TEST(Sm4Cipher, FailsOnTooLittleRoomOrBadInputWithoutWritingPastTheRoom) {
     room = 16;
     EXPECT_EQ(-1, cipher.decrypt(in, 16, nullptr, &room));
     EXPECT_EQ(0, room);
+  }
+}
+
+// One object shared by several threads (as every transport of a factory shares its
+// cipher): each thread's results must match a cipher of its own, call for call.
+TEST(Sm4Cipher, OneObjectServesManyThreadsAtOnce) {
+  for (const Mode mode : {Mode::ECB, Mode::CBC}) {
+    const std::string iv = mode == Mode::CBC ? kIv : "";
+    Sm4Cipher shared(kKey, mode, iv);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        Sm4Cipher own(kKey, mode, iv);
+        for (unsigned i = 0; i < 100; ++i) {
+          const std::string plain = patternBytes(4096 + i, t * 1000 + i);
+          const long room = static_cast<long>(plain.size()) + 16;
+          const Call theirs(shared, true, plain, room);
+          const Call back(shared, false, theirs.produced(), room);
+          if (theirs.produced() != Call(own, true, plain, room).produced() ||
+              back.rc != 0 || back.produced() != plain) {
+            ++wrong;
+          }
+        }
+      });
+    }
+    for (auto& thread : threads) {
+      thread.join();
+    }
+    EXPECT_EQ(0, wrong.load()) << (mode == Mode::CBC ? "CBC" : "ECB");
   }
 }

@@ -7,10 +7,11 @@
 #   run-cups-job.sh PROGRAM_DIR plain|encrypted
 #
 # PROGRAM_DIR holds the two built programs. Needs root: cupsd runs filters and
-# backends as user lp only when it runs as root. Installs cups-daemon and
-# cups-client when they are missing. Every wait is bounded by CUPS_TEST_TIMEOUT
-# seconds (default 20). cupsd listens on a Unix socket in a private directory only,
-# and is stopped by its PID; on failure its error log is printed.
+# backends as user lp only when it runs as root. Needs cupsd, lpadmin, lp and patchelf
+# (scripts/setup.sh installs them) and fails, saying so, when one is missing. Every
+# wait is bounded by CUPS_TEST_TIMEOUT seconds (default 20). cupsd listens on a Unix
+# socket in a private directory only, and is stopped by its PID; on failure its error
+# log is printed.
 set -euo pipefail
 
 programs="${1:?usage: $0 PROGRAM_DIR plain|encrypted}"
@@ -26,16 +27,12 @@ fi
 
 # cupsd and lpadmin live in sbin, which a non-login PATH may lack.
 export PATH="$PATH:/usr/sbin:/sbin"
-if ! command -v cupsd >/dev/null || ! command -v lpadmin >/dev/null ||
-  ! command -v lp >/dev/null; then
-  log "installing cups-daemon and cups-client"
-  if ! apt_out="$({ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install \
-    -y -q --no-install-recommends cups-daemon cups-client; } 2>&1)"; then
-    printf '%s\n' "$apt_out"
-    log "FAIL: cannot install cups-daemon and cups-client"
+for tool in cupsd lpadmin lp lpstat patchelf ldd; do
+  if ! command -v "$tool" >/dev/null; then
+    log "FAIL: no $tool on this machine (scripts/setup.sh installs what the tests need)"
     exit 1
   fi
-fi
+done
 cups_exec=/usr/lib/cups/daemon/cups-exec
 [ -x "$cups_exec" ] || { log "no $cups_exec"; exit 1; }
 
@@ -94,14 +91,34 @@ conf="$work/conf" bin="$work/bin" sock="$work/cups.sock"
 mkdir -p "$conf/ppd" "$bin/filter" "$bin/backend" "$bin/daemon" \
   "$work/spool/tmp" "$work/cache" "$work/state" "$work/log"
 ln -s "$cups_exec" "$bin/daemon/cups-exec"
-install -m 0755 "$programs/cups_gadget_filter" "$bin/filter/thriftusb-gadget"
-install -m 0755 "$programs/cups_gadget_backend" "$bin/backend/thriftusb-gadget"
-# The filter runs as lp and loads the library from the build tree. Without
-# arguments it only prints its usage, if it can be loaded at all.
+
+# The filter and the backend run as lp, which may not be able to enter the build tree
+# (a clone under /root, mode 700). They go into the private tree together with every
+# library they load from outside the system's own directories, and find those there.
+libs="$work/lib"
+mkdir -p "$libs"
+stage_libraries() {
+  local name path
+  while read -r name path; do
+    case "$path" in
+      /lib/* | /lib64/* | /usr/lib/* | /usr/lib64/*) ;;
+      /*) [ -e "$libs/$name" ] || { cp -L "$path" "$libs/$name" && patchelf --set-rpath '$ORIGIN' "$libs/$name"; } ;;
+      *) log "FAIL: $1 needs $name, which is not found"; return 1 ;;
+    esac
+  done < <(ldd "$1" | sed -n 's/^[[:space:]]*\([^ ]*\) => \([^ ]*\).*/\1 \2/p')
+}
+stage_program() {
+  stage_libraries "$1"
+  install -m 0755 "$1" "$2"
+  patchelf --set-rpath "$libs" "$2"
+}
+stage_program "$programs/cups_gadget_filter" "$bin/filter/thriftusb-gadget"
+stage_program "$programs/cups_gadget_backend" "$bin/backend/thriftusb-gadget"
+# Without arguments the filter only prints its usage, if lp can load it at all.
 as_lp="$(runuser -u lp -- "$bin/filter/thriftusb-gadget" </dev/null 2>&1 || true)"
 if grep -q 'error while loading shared libraries' <<<"$as_lp"; then
   printf '%s\n' "$as_lp"
-  log "FAIL: user lp cannot load the filter's libraries (a build tree lp cannot enter?)"
+  log "FAIL: user lp cannot load the filter's libraries"
   exit 1
 fi
 

@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TESTS_SUPPORT_RESOURCES_H
 #define THRIFTUSB_TESTS_SUPPORT_RESOURCES_H
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <iterator>
@@ -17,22 +18,41 @@
 namespace thriftusb {
 namespace test {
 
-/** The threads of this process now (/proc/self/task). */
-inline size_t threadCount() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                                           std::filesystem::directory_iterator()));
+/** The ids of this process's threads now (/proc/self/task). */
+inline std::set<long> threadIds() {
+  std::set<long> ids;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    ids.insert(std::stol(task.path().filename().string()));
+  }
+  return ids;
 }
 
 /** The threads and descriptors of this process at one moment. */
 struct Resources {
-  size_t threads;
+  std::set<long> threads;
   std::set<int> fds;
 
-  static Resources now() { return {threadCount(), openDescriptors()}; }
+  static Resources now() { return {threadIds(), openDescriptors()}; }
+
+  /** What this snapshot holds that @p before did not: threads and descriptors begun since. */
+  Resources beganSince(const Resources& before) const {
+    Resources added;
+    std::set_difference(threads.begin(), threads.end(), before.threads.begin(),
+                        before.threads.end(), std::inserter(added.threads, added.threads.end()));
+    std::set_difference(fds.begin(), fds.end(), before.fds.begin(), before.fds.end(),
+                        std::inserter(added.fds, added.fds.end()));
+    return added;
+  }
+
+  bool empty() const { return threads.empty() && fds.empty(); }
 
   std::string describe() const {
     std::ostringstream out;
-    out << threads << " threads, descriptors {";
+    out << "threads {";
+    for (long id : threads) {
+      out << " " << id;
+    }
+    out << " }, descriptors {";
     for (int fd : fds) {
       out << " " << fd;
     }
@@ -42,20 +62,19 @@ struct Resources {
 };
 
 /**
- * Whether the process is back at @p before: the same number of threads and the same
- * descriptors. A thread that has just been joined may linger in /proc for a moment,
- * so the count is given a short while to settle.
+ * Whether every thread and descriptor begun since @p before is gone again. Only those
+ * count: a thread of someone else's that ends meanwhile is no leak. A thread that has
+ * just been joined may linger in /proc for a moment, so they are given a while to go.
  */
 inline ::testing::AssertionResult backTo(const Resources& before) {
-  Resources after{};
+  Resources left{};
   if (waitUntil([&] {
-        after = Resources::now();
-        return after.threads == before.threads && after.fds == before.fds;
-      }, std::chrono::milliseconds(2000))) {
+        left = Resources::now().beganSince(before);
+        return left.empty();
+      }, std::chrono::milliseconds(5000))) {
     return ::testing::AssertionSuccess();
   }
-  return ::testing::AssertionFailure() << "before: " << before.describe()
-                                       << "; after: " << after.describe();
+  return ::testing::AssertionFailure() << "left behind: " << left.describe();
 }
 
 /**

@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
+#include <vector>
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
 #if THRIFTUSB_SM4_LIBGCRYPT
-#include <mutex>
-
 #include <gcrypt.h>
 #endif
 
@@ -41,11 +42,11 @@ void initLibgcrypt() {
 
 } // namespace
 
-struct Sm4Cipher::State {
-  Mode mode = Mode::ECB;
-  unsigned char key[kBlock] = {};
-  unsigned char iv[kBlock] = {};
-  EVP_CIPHER* cipher = nullptr;
+namespace {
+
+// What one call ciphers with: an OpenSSL context and, with libgcrypt, a CBC handle
+// keyed once. A call has one to itself for its whole length; see Sm4Cipher::State.
+struct Worker {
   EVP_CIPHER_CTX* ctx = nullptr;
 #if THRIFTUSB_SM4_LIBGCRYPT
   // CBC decryption runs on libgcrypt, whose SM4 deciphers many blocks at once with
@@ -54,37 +55,96 @@ struct Sm4Cipher::State {
   gcry_cipher_hd_t cbcDecrypt = nullptr;
 #endif
 
+  Worker() = default;
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  ~Worker() {
+    // Freeing the context and closing the handle wipe the key schedules they hold.
+    EVP_CIPHER_CTX_free(ctx);
+#if THRIFTUSB_SM4_LIBGCRYPT
+    gcry_cipher_close(cbcDecrypt);
+#endif
+  }
+};
+
+} // namespace
+
+// The key, the mode and the algorithm are fixed at construction and only read later.
+// Calls may come from several threads at once (every transport made by one factory
+// shares its cipher), so each call borrows a worker of its own from an idle list and
+// puts it back afterwards: the lock covers only that hand-over, never the ciphering,
+// and there are never more workers than calls that once ran at the same time.
+struct Sm4Cipher::State {
+  Mode mode = Mode::ECB;
+  unsigned char key[kBlock] = {};
+  unsigned char iv[kBlock] = {};
+  EVP_CIPHER* cipher = nullptr;
+  std::mutex idleMutex;
+  std::vector<std::unique_ptr<Worker>> idle;
+
   State() = default;
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
   ~State() {
-    // Freeing the context also wipes the key schedule it holds.
-    EVP_CIPHER_CTX_free(ctx);
+    idle.clear();
     EVP_CIPHER_free(cipher);
-#if THRIFTUSB_SM4_LIBGCRYPT
-    // Closing the handle wipes it, key schedule included.
-    gcry_cipher_close(cbcDecrypt);
-#endif
     OPENSSL_cleanse(key, sizeof key);
     OPENSSL_cleanse(iv, sizeof iv);
   }
 
+  // A new worker with the key set up; null when a library cannot give one.
+  std::unique_ptr<Worker> makeWorker() const {
+    auto worker = std::make_unique<Worker>();
+    worker->ctx = EVP_CIPHER_CTX_new();
+    if (worker->ctx == nullptr) {
+      return nullptr;
+    }
+#if THRIFTUSB_SM4_LIBGCRYPT
+    if (mode == Mode::CBC &&
+        (gcry_cipher_open(&worker->cbcDecrypt, GCRY_CIPHER_SM4, GCRY_CIPHER_MODE_CBC, 0) != 0 ||
+         gcry_cipher_setkey(worker->cbcDecrypt, key, sizeof key) != 0)) {
+      return nullptr;
+    }
+#endif
+    return worker;
+  }
+
+  // An idle worker, or a new one when all are busy; null when none can be made.
+  std::unique_ptr<Worker> borrow() {
+    {
+      std::lock_guard<std::mutex> lock(idleMutex);
+      if (!idle.empty()) {
+        auto worker = std::move(idle.back());
+        idle.pop_back();
+        return worker;
+      }
+    }
+    return makeWorker();
+  }
+
+  void giveBack(std::unique_ptr<Worker> worker) {
+    std::lock_guard<std::mutex> lock(idleMutex);
+    idle.push_back(std::move(worker));
+  }
+
   // Starts a new message: every call is ciphered on its own, so CBC restarts from
   // the initialisation vector each time.
-  bool begin(int enc, int padding) {
-    return EVP_CipherInit_ex2(ctx, cipher, key, mode == Mode::CBC ? iv : nullptr, enc,
+  bool begin(Worker& w, int enc, int padding) const {
+    return EVP_CipherInit_ex2(w.ctx, cipher, key, mode == Mode::CBC ? iv : nullptr, enc,
                               nullptr) == 1 &&
-           EVP_CIPHER_CTX_set_padding(ctx, padding) == 1;
+           EVP_CIPHER_CTX_set_padding(w.ctx, padding) == 1;
   }
 
   // Feeds @p len bytes through the context; adds the bytes written at @p out to
   // @p produced.
-  bool update(const unsigned char* in, long len, unsigned char* out, long& produced) {
+  static bool update(Worker& w, const unsigned char* in, long len, unsigned char* out,
+                     long& produced) {
     while (len > 0) {
       const int piece = static_cast<int>(std::min(len, kMaxPiece));
       int written = 0;
-      if (EVP_CipherUpdate(ctx, out + produced, &written, in, piece) != 1) {
+      if (EVP_CipherUpdate(w.ctx, out + produced, &written, in, piece) != 1) {
         return false;
       }
       produced += written;
@@ -94,31 +154,62 @@ struct Sm4Cipher::State {
     return true;
   }
 
+  // Enciphers a whole message with padding into @p out, adding to @p produced.
+  bool encipher(Worker& w, const unsigned char* in, long len, unsigned char* out,
+                long& produced) const {
+    int last = 0;
+    if (!begin(w, 1, 1) || !update(w, in, len, out, produced) ||
+        EVP_CipherFinal_ex(w.ctx, out + produced, &last) != 1) {
+      return false;
+    }
+    produced += last;
+    return true;
+  }
+
   // Deciphers a whole message without padding: the first @p leading bytes of @p in
   // straight to @p out, adding them to @p produced, and the last block, which
   // carries the padding, to @p lastBlock.
-  bool decipher(const unsigned char* in, long leading, unsigned char* out, long& produced,
-                unsigned char* lastBlock) {
+  bool decipher(Worker& w, const unsigned char* in, long leading, unsigned char* out,
+                long& produced, unsigned char* lastBlock) const {
 #if THRIFTUSB_SM4_LIBGCRYPT
-    if (cbcDecrypt != nullptr) {
-      if (gcry_cipher_setiv(cbcDecrypt, iv, sizeof iv) != 0) {
+    if (w.cbcDecrypt != nullptr) {
+      if (gcry_cipher_setiv(w.cbcDecrypt, iv, sizeof iv) != 0) {
         return false;
       }
       if (leading > 0) {
-        if (gcry_cipher_decrypt(cbcDecrypt, out, static_cast<size_t>(leading), in,
+        if (gcry_cipher_decrypt(w.cbcDecrypt, out, static_cast<size_t>(leading), in,
                                 static_cast<size_t>(leading)) != 0) {
           return false;
         }
         produced = leading;
       }
       // The handle carries the chain on from the last block deciphered above.
-      return gcry_cipher_decrypt(cbcDecrypt, lastBlock, kBlock, in + leading, kBlock) == 0;
+      return gcry_cipher_decrypt(w.cbcDecrypt, lastBlock, kBlock, in + leading, kBlock) == 0;
     }
 #endif
     long lastProduced = 0;
-    return begin(0, 0) && update(in, leading, out, produced) && produced == leading &&
-           update(in + leading, kBlock, lastBlock, lastProduced) && lastProduced == kBlock;
+    return begin(w, 0, 0) && update(w, in, leading, out, produced) && produced == leading &&
+           update(w, in + leading, kBlock, lastBlock, lastProduced) && lastProduced == kBlock;
   }
+
+  // A worker borrowed for the length of one call; null when none could be made.
+  class Lease {
+  public:
+    explicit Lease(State& state) : state_(state), worker_(state.borrow()) {}
+    ~Lease() {
+      if (worker_) {
+        state_.giveBack(std::move(worker_));
+      }
+    }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    Worker* get() const { return worker_.get(); }
+
+  private:
+    State& state_;
+    std::unique_ptr<Worker> worker_;
+  };
 };
 
 namespace {
@@ -177,20 +268,18 @@ Sm4Cipher::Sm4Cipher(const std::string& key, Mode mode, const std::string& iv) {
     ERR_clear_error();
     throw std::runtime_error(std::string("Sm4Cipher: OpenSSL provides no ") + algorithm);
   }
-  state_->ctx = EVP_CIPHER_CTX_new();
-  if (state_->ctx == nullptr) {
-    ERR_clear_error();
-    throw std::runtime_error("Sm4Cipher: cannot allocate an OpenSSL cipher context");
-  }
 #if THRIFTUSB_SM4_LIBGCRYPT
   if (mode == Mode::CBC) {
     initLibgcrypt();
-    if (gcry_cipher_open(&state_->cbcDecrypt, GCRY_CIPHER_SM4, GCRY_CIPHER_MODE_CBC, 0) != 0 ||
-        gcry_cipher_setkey(state_->cbcDecrypt, state_->key, sizeof state_->key) != 0) {
-      throw std::runtime_error("Sm4Cipher: libgcrypt provides no SM4-CBC");
-    }
   }
 #endif
+  // The first worker, made now so that a library that cannot cipher fails here.
+  auto worker = state_->makeWorker();
+  if (!worker) {
+    ERR_clear_error();
+    throw std::runtime_error("Sm4Cipher: cannot set up an SM4 cipher context");
+  }
+  state_->idle.push_back(std::move(worker));
 }
 
 Sm4Cipher::~Sm4Cipher() = default;
@@ -209,15 +298,11 @@ int Sm4Cipher::encrypt(const unsigned char* in, long inLen, unsigned char* out, 
     return fail(out, 0, outLen);
   }
 
+  const State::Lease worker(*state_);
   long produced = 0;
-  if (!state_->begin(1, 1) || !state_->update(in, inLen, out, produced)) {
+  if (worker.get() == nullptr || !state_->encipher(*worker.get(), in, inLen, out, produced)) {
     return fail(out, produced, outLen);
   }
-  int last = 0;
-  if (EVP_CipherFinal_ex(state_->ctx, out + produced, &last) != 1) {
-    return fail(out, produced, outLen);
-  }
-  produced += last;
   if (produced != required) {
     return fail(out, produced, outLen);
   }
@@ -244,7 +329,9 @@ int Sm4Cipher::decrypt(const unsigned char* in, long inLen, unsigned char* out, 
   unsigned char lastBlock[kBlock];
   // Padding is checked here rather than by EVP, which would write the whole last
   // block to the output before looking at it.
-  if (!state_->decipher(in, leading, out, produced, lastBlock)) {
+  const State::Lease worker(*state_);
+  if (worker.get() == nullptr ||
+      !state_->decipher(*worker.get(), in, leading, out, produced, lastBlock)) {
     OPENSSL_cleanse(lastBlock, sizeof lastBlock);
     return fail(out, produced, outLen);
   }

@@ -23,9 +23,12 @@
  * exception: on entry @p *outLen is the number of bytes available at @p out, on
  * return the number of bytes produced. Nothing is ever written beyond that room.
  *
- * Thread safety: an object keeps a cipher context that every call reuses, so one
- * object may be used by one thread at a time. Separate objects are independent.
- * The key is wiped from memory when the object is destroyed.
+ * Thread safety: encrypt() and decrypt() may be called on one object from any number
+ * of threads at the same time, so one cipher can serve every transport of a server
+ * or a host that talks to several devices at once. Each call ciphers with a context
+ * of its own, taken from a small pool that grows to the most calls that ever ran at
+ * once and is kept for the object's life. Construction and destruction must not
+ * overlap any call. The key is wiped from memory when the object is destroyed.
  */
 class Sm4Cipher {
 public:

@@ -16,8 +16,8 @@ namespace transport {
 /**
  * Wraps every transport given to it in a new TSecurityTransport with the settings
  * chosen when the factory is built. All transports made share the factory's cipher
- * object; since a cipher object serves one thread at a time, give each factory (or
- * each server thread) its own when connections run in parallel.
+ * object, which may serve connections that run in parallel on several threads
+ * (Sm4Cipher may be called from any number of threads at once).
  */
 class TSecurityTransportFactory : public TTransportFactory {
 public:
