@@ -1,9 +1,14 @@
 # Debian packages of the library, made by CPack from the install rules of
-# ThriftUsbInstall.cmake (components "runtime" and "development"):
+# ThriftUsbInstall.cmake (components "runtime", "development" and "testkit"):
 #
 #   libthriftusb      libthriftusb.so.0 and libsm4-cipher.so.0 (with their real files)
 #   libthriftusb-dev  the headers, the .so links, the CMake package ThriftUsb and
 #                     thriftusb.pc
+#   libthriftusb-testkit-dev
+#                     the test kit, all a test needs to build against it: its
+#                     libraries with their links, headers, CMake components and
+#                     pkg-config files (like the test libraries Debian ships, one
+#                     package for building and running tests)
 #
 #   cmake -S . -B build/package -G Ninja -DCMAKE_INSTALL_PREFIX=/usr \
 #         -DTHRIFTUSB_THRIFT_PREFIX=/usr -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -44,7 +49,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_SOURCE_IGNORE_FILES "/\\.git/" "/\\.deps/" "/build[^/]*/" "/out/" "\\.swp$")
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development testkit)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -113,6 +118,30 @@ the pkg-config file thriftusb.pc.
 
 ${_thriftusb_thrift_line}")
 
+# --- libthriftusb-testkit-dev ------------------------------------------------------
+set(CPACK_DEBIAN_TESTKIT_PACKAGE_NAME "libthriftusb-testkit-dev")
+set(CPACK_DEBIAN_TESTKIT_PACKAGE_SECTION libdevel)
+set(_thriftusb_testkit_depends
+    "libthriftusb-dev (= ${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})"
+    "libc6 (>= 2.34)" "libstdc++6 (>= 11)" "libgcc-s1 (>= 3.0)")
+set(_thriftusb_testkit_emulated "")
+if(TARGET thriftusb-emulated-usb)
+  # umockdev holds the preload library every program of the emulation links.
+  list(APPEND _thriftusb_testkit_depends "libumockdev0 (>= 0.17)" "umockdev (>= 0.17)"
+       "libusb-1.0-0 (>= 2:1.0.8)" "libglib2.0-0 (>= 2.32)")
+  set(_thriftusb_testkit_emulated
+      "\n - an emulated USB bus and device that the real libusb finds\n   (ThriftUsb::emulated_usb, thriftusb-emulated-usb.pc).")
+endif()
+list(JOIN _thriftusb_testkit_depends ", " CPACK_DEBIAN_TESTKIT_PACKAGE_DEPENDS)
+set(CPACK_DEBIAN_TESTKIT_DESCRIPTION
+"Apache Thrift transports over USB links (test kit)
+Stand-ins for USB hardware, to test Thrift services built on thriftusb
+without a device:
+ - a virtual cable of two FIFOs, a one-node device on a pseudo-terminal and a
+   runner for Thrift servers (ThriftUsb::testkit, thriftusb-testkit.pc);${_thriftusb_testkit_emulated}
+
+${_thriftusb_thrift_line}")
+
 # Debian wants a copyright file in each package's documentation folder: the notice
 # and the license's text (LICENSE). These files go only into the packages, not into
 # a plain `cmake --install`.
@@ -125,13 +154,15 @@ Copyright 2026 the thriftusb developers
 Licensed under the Apache License, Version 2.0, whose text follows.
 
 ${_thriftusb_license_text}")
-foreach(_thriftusb_component IN ITEMS runtime development)
+foreach(_thriftusb_component IN ITEMS runtime development testkit)
   if(_thriftusb_component STREQUAL "runtime")
     set(_thriftusb_docdir "${CMAKE_INSTALL_DATAROOTDIR}/doc/libthriftusb")
     install(FILES "${PROJECT_SOURCE_DIR}/CHANGELOG.md" DESTINATION "${_thriftusb_docdir}"
             COMPONENT ${_thriftusb_component} EXCLUDE_FROM_ALL)
-  else()
+  elseif(_thriftusb_component STREQUAL "development")
     set(_thriftusb_docdir "${CMAKE_INSTALL_DATAROOTDIR}/doc/libthriftusb-dev")
+  else()
+    set(_thriftusb_docdir "${CMAKE_INSTALL_DATAROOTDIR}/doc/libthriftusb-testkit-dev")
   endif()
   install(FILES "${PROJECT_BINARY_DIR}/package/copyright" DESTINATION "${_thriftusb_docdir}"
           COMPONENT ${_thriftusb_component} EXCLUDE_FROM_ALL)
@@ -139,5 +170,6 @@ endforeach()
 
 set(CPACK_COMPONENT_RUNTIME_DISPLAY_NAME "libthriftusb")
 set(CPACK_COMPONENT_DEVELOPMENT_DISPLAY_NAME "libthriftusb-dev")
+set(CPACK_COMPONENT_TESTKIT_DISPLAY_NAME "libthriftusb-testkit-dev")
 
 include(CPack)

@@ -1,7 +1,5 @@
 #include "ThreadedLink.h"
 
-#include <chrono>
-#include <thread>
 
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TTransport.h>
@@ -52,14 +50,6 @@ std::shared_ptr<TSimpleServer> makeGadgetServer(
   return std::make_shared<TSimpleServer>(std::make_shared<GadgetProcessor>(handler),
                                          serverTransport, connections,
                                          std::make_shared<TBinaryProtocolFactory>());
-}
-
-void stopServer(apache::thrift::server::TServer& server, const std::function<bool()>& stopped) {
-  server.stop();
-  while (!stopped()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    server.getServerTransport()->interrupt();
-  }
 }
 
 } // namespace example

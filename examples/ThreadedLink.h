@@ -1,7 +1,6 @@
 #ifndef THRIFTUSB_EXAMPLES_THREADEDLINK_H
 #define THRIFTUSB_EXAMPLES_THREADEDLINK_H
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -66,25 +65,12 @@ std::shared_ptr<apache::thrift::transport::TServerTransport> makeGadgetServerTra
  * straight on each connection's socket (not buffered, for the reason given at
  * ThreadedLink), and a connection ends when the host has been silent for the socket's
  * read time-out. With it, every connection carries encrypted frames, and waits up to
- * the frames' own time-out for the host's next call. serve() runs until stop() is
- * called from another thread.
+ * the frames' own time-out for the host's next call. serve() runs until stopped
+ * (thriftusb::testing::ServerRunner runs and stops it).
  */
 std::shared_ptr<apache::thrift::server::TSimpleServer> makeGadgetServer(
     const std::shared_ptr<apache::thrift::transport::TServerTransport>& serverTransport,
     const std::shared_ptr<GadgetIf>& handler, std::shared_ptr<Sm4Cipher> cipher = nullptr);
-
-/**
- * Stops @p server, whose serve() runs on another thread, and returns once
- * @p stopped() is true (the caller's sign that serve() has returned).
- *
- * TServer::stop() alone may leave serve() running for a whole connection: it closes
- * the current connection before the server transport is marked interrupted, and a
- * serving thread that gets back to accept in between opens one more connection,
- * which then waits for a host (up to 300 s with framed transports). So the server
- * transport is interrupted again every 100 ms until serve() has returned: each time
- * it closes the connection handed out last, and accept, now interrupted, fails.
- */
-void stopServer(apache::thrift::server::TServer& server, const std::function<bool()>& stopped);
 
 } // namespace example
 } // namespace thriftusb

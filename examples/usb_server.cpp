@@ -10,14 +10,15 @@
 // transport takes SIGINT over for the whole process to stop its own threads.) Exits 0
 // after a clean stop, 1 on failure, 2 on bad usage.
 
-#include <atomic>
 #include <csignal>
+#include <ctime>
 #include <exception>
 #include <iostream>
 #include <memory>
-#include <thread>
 
 #include <pthread.h>
+
+#include <thriftusb/testing/ServerRunner.h>
 
 #include "DemoOptions.h"
 #include "GadgetHandler.h"
@@ -31,41 +32,29 @@ int main(int argc, char** argv) {
   // Nodes that are FIFOs raise SIGPIPE when written without a reader; a failed write
   // must end the connection with an exception instead of killing the program.
   std::signal(SIGPIPE, SIG_IGN);
-  // SIGTERM is taken by one thread of our own, which stops the server; every thread
-  // started later inherits the blocked mask, so none of them is killed by it.
+  // SIGTERM is taken by the main thread, which stops the server; every thread started
+  // later inherits the blocked mask, so none of them is killed by it.
   sigset_t term;
   sigemptyset(&term);
   sigaddset(&term, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &term, nullptr);
   thriftusb::example::prefixThriftLog("server");
-  std::shared_ptr<apache::thrift::server::TSimpleServer> server;
   try {
-    server = thriftusb::example::makeGadgetServer(
+    // serve() runs on the runner's thread; this one waits for SIGTERM, or for serve()
+    // to end by itself, looking every 100 ms.
+    thriftusb::testing::ServerRunner runner(thriftusb::example::makeGadgetServer(
         thriftusb::example::makeGadgetServerTransport(options.readNode, options.writeNode),
-        std::make_shared<thriftusb::example::GadgetHandler>(std::cout), options.cipher);
+        std::make_shared<thriftusb::example::GadgetHandler>(std::cout), options.cipher));
+    std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
+              << " (out)" << (options.cipher ? ", encrypted" : "") << std::endl;
+    const timespec step{0, 100 * 1000 * 1000};
+    while (runner.running() && sigtimedwait(&term, nullptr, &step) < 0) {
+    }
+    runner.stop();
+    std::cout << "server: stopped" << std::endl;
+    return 0;
   } catch (const std::exception& e) {
     std::cerr << "server: failed: " << e.what() << std::endl;
     return 1;
   }
-  std::atomic<bool> serving{true};
-  std::thread terminator([&server, &term, &serving] {
-    int received = 0;
-    sigwait(&term, &received);
-    thriftusb::example::stopServer(*server, [&serving] { return !serving.load(); });
-  });
-  std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
-            << " (out)" << (options.cipher ? ", encrypted" : "") << std::endl;
-  int status = 0;
-  try {
-    server->serve();
-    std::cout << "server: stopped" << std::endl;
-  } catch (const std::exception& e) {
-    std::cerr << "server: failed: " << e.what() << std::endl;
-    status = 1;
-  }
-  // The terminator may still wait for its signal (serve() failed by itself): wake it.
-  serving = false;
-  pthread_kill(terminator.native_handle(), SIGTERM);
-  terminator.join();
-  return status;
 }

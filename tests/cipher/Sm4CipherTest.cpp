@@ -1,4 +1,5 @@
 #include <thriftusb/cipher/Sm4Cipher.h>
+#include <thriftusb/testing/TempDir.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,10 +15,10 @@
 #include <gtest/gtest.h>
 
 #include "support/FdIo.h"
-#include "support/TempDir.h"
 
 using Mode = Sm4Cipher::Mode;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 
 namespace {
 

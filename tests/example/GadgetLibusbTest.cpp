@@ -21,6 +21,9 @@
 #include <thrift/transport/TTransportException.h>
 #include <thrift/transport/TVirtualTransport.h>
 
+#include <thriftusb/testing/EmulatedUsbBus.h>
+#include <thriftusb/testing/TempDir.h>
+
 #include "BlockingLink.h"
 #include "Gadget.h"
 #include "GadgetCalls.h"
@@ -28,16 +31,15 @@
 #include "LibusbLink.h"
 #include "support/Bounded.h"
 #include "support/ChildProcess.h"
-#include "support/EmulatedUsbDevice.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
-#include "support/TempDir.h"
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TTransportException;
 using apache::thrift::transport::TVirtualTransport;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 
 namespace {
 

@@ -13,18 +13,20 @@
 #include <thrift/TApplicationException.h>
 #include <thrift/transport/TTransportException.h>
 
+#include <thriftusb/testing/VirtualCable.h>
+
 #include "Gadget.h"
 #include "GadgetHandler.h"
 #include "BlockingLink.h"
 #include "demo_constants.h"
 #include "support/Bounded.h"
 #include "support/FdIo.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::TApplicationException;
 using apache::thrift::transport::TTransportException;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 
 namespace {
 

@@ -17,6 +17,9 @@
 #include <thrift/transport/TFDTransport.h>
 
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
+#include <thriftusb/testing/PtyDevice.h>
+#include <thriftusb/testing/ServerRunner.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include "DemoOptions.h"
 #include "Gadget.h"
@@ -26,9 +29,7 @@
 #include "demo_constants.h"
 #include "support/Bounded.h"
 #include "support/FdIo.h"
-#include "support/PtyDevice.h"
 #include "support/SyscallSpy.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TBinaryProtocolFactory;
@@ -39,6 +40,7 @@ using apache::thrift::transport::TServerNonblockingUsbSocket;
 using apache::thrift::transport::TTransportFactory;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -53,32 +55,12 @@ unsigned blockSize() {
   return static_cast<unsigned>(g_demo_constants.BLOCK_SIZE);
 }
 
-/** A server running serve() on its own thread until stop(). */
-class RunningServer {
-public:
-  explicit RunningServer(std::shared_ptr<TServer> server) : server_(std::move(server)) {
-    thread_ = std::make_unique<PeerThread>([this] { server_->serve(); });
-  }
-
-  ~RunningServer() {
-    if (thread_) {
-      stop();
-    }
-  }
-
-  /** Stops the server from this thread; returns how long serve() took to return. */
-  Clock::duration stop() {
-    const auto start = Clock::now();
-    auto thread = std::move(thread_);
-    stopServer(*server_, [&] { return thread->waitFor(std::chrono::milliseconds(0)); });
-    thread->join();
-    return Clock::now() - start;
-  }
-
-private:
-  std::shared_ptr<TServer> server_;
-  std::unique_ptr<PeerThread> thread_;
-};
+// How long stopping @p server takes, until its serve() has returned.
+Clock::duration timeToStop(ServerRunner& server) {
+  const auto start = Clock::now();
+  server.stop();
+  return Clock::now() - start;
+}
 
 /** A host on the threaded transport that runs every Gadget call once over @p link. */
 void callEveryMethod(ThreadedLink& link) {
@@ -115,7 +97,7 @@ protected:
 } // namespace
 
 TEST_F(GadgetServerOnTheCable, SimpleServerServesHostsOneAfterTheOtherInBothModes) {
-  RunningServer server(makeServer());
+  ServerRunner server(makeServer());
   const auto host = cable_.host();
 
   ThreadedLink first(host.readPath, host.writePath);
@@ -136,12 +118,12 @@ TEST_F(GadgetServerOnTheCable, SimpleServerServesHostsOneAfterTheOtherInBothMode
   callEveryMethod(third);
 
   // The server is inside a connection, waiting for the next call: stop ends it.
-  EXPECT_LT(server.stop(), kPrompt);
+  EXPECT_LT(timeToStop(server), kPrompt);
 }
 
 TEST_F(GadgetServerOnTheCable, EncryptedFramesCarryEveryCallAndALargeEcho) {
   const auto cipher = makeDemoCipher();
-  RunningServer server(makeServer(cipher));
+  ServerRunner server(makeServer(cipher));
   ThreadedLink link(cable_.host().readPath, cable_.host().writePath, false, cipher);
   GadgetClient gadget(link.protocol);
   link.transport->open();
@@ -157,7 +139,7 @@ TEST_F(GadgetServerOnTheCable, EncryptedFramesCarryEveryCallAndALargeEcho) {
 }
 
 TEST_F(GadgetServerOnTheCable, HostThatVanishesMidCallCostsOneConnectionOnly) {
-  RunningServer server(makeServer());
+  ServerRunner server(makeServer());
   const auto host = cable_.host();
 
   // Half a request, as from a host killed while it was writing: the server waits for
@@ -178,7 +160,7 @@ TEST(GadgetServerOnAPty, ThreadedServerServesOneNodeAndStopsPromptlyMidConnectio
   Watchdog watchdog(std::chrono::seconds(30));
   PtyDevice pty;
   std::ostringstream serverLog;
-  RunningServer server(std::make_shared<TThreadedServer>(
+  ServerRunner server(std::make_shared<TThreadedServer>(
       std::make_shared<GadgetProcessor>(std::make_shared<GadgetHandler>(serverLog)),
       std::make_shared<TServerNonblockingUsbSocket>(pty.path(), false, blockSize(), blockSize()),
       std::make_shared<TTransportFactory>(), std::make_shared<TBinaryProtocolFactory>()));
@@ -192,6 +174,6 @@ TEST(GadgetServerOnAPty, ThreadedServerServesOneNodeAndStopsPromptlyMidConnectio
 
   // The host stays connected; TThreadedServer waits for its connection, which the
   // server transport interrupts.
-  EXPECT_LT(server.stop(), kPrompt);
+  EXPECT_LT(timeToStop(server), kPrompt);
   EXPECT_NE(serverLog.str().find("server: divide(84, 2) = 42"), std::string::npos);
 }

@@ -3,16 +3,19 @@
 # them with dpkg into a fresh root directory (never into the system), and proves a
 # consumer builds against the installed tree and runs (check-install.sh).
 #
-#   1. cpack -G DEB gives exactly libthriftusb_<version>-1_<arch>.deb and
-#      libthriftusb-dev_<version>-1_<arch>.deb;
+#   1. cpack -G DEB gives exactly libthriftusb_<version>-1_<arch>.deb,
+#      libthriftusb-dev_<version>-1_<arch>.deb and
+#      libthriftusb-testkit-dev_<version>-1_<arch>.deb;
 #   2. their control fields: names, version, architecture, the shlibs file, and the
 #      dependencies: on Debian's libthrift-<version> and libthrift-dev when the build
 #      used the system's Thrift (--thrift-pcdir under /usr/lib), on no Thrift package
 #      otherwise (the Thrift 0.13 of .deps/);
 #   3. their contents: the runtime package holds the two shared libraries and their
 #      SONAME links and no development file; the -dev package holds every header,
-#      the .so links, the CMake package and thriftusb.pc and no shared library;
-#   4. dpkg --root unpacks both into an empty root whose package database lists only
+#      the .so links, the CMake package and thriftusb.pc and no shared library; the
+#      test kit's package holds the kit's libraries, headers, CMake components and
+#      pkg-config files;
+#   4. dpkg --root unpacks all three into an empty root whose package database lists only
 #      the packages they depend on, as installed on this machine, and then checks
 #      that the dependencies are met (dpkg --configure --no-act: no maintainer
 #      script runs, nothing outside the root is touched);
@@ -52,18 +55,20 @@ arch="$("$dpkg" --print-architecture)"
 release="$version-1"
 runtime_deb="libthriftusb_${release}_${arch}.deb"
 dev_deb="libthriftusb-dev_${release}_${arch}.deb"
+kit_deb="libthriftusb-testkit-dev_${release}_${arch}.deb"
 step "cpack -G DEB in $build_dir"
 run "$tmp/cpack.log" env -C "$build_dir" "$cpack" -G DEB -B "$tmp/packages" ||
   fail "cpack -G DEB failed"
 made="$(cd "$tmp/packages" && ls -1 -- *.deb 2>/dev/null | sort | tr '\n' ' ')"
-[ "$made" = "$dev_deb $runtime_deb " ] ||
-  fail "cpack made '$made', expected $dev_deb and $runtime_deb"
+[ "$made" = "$dev_deb $kit_deb $runtime_deb " ] ||
+  fail "cpack made '$made', expected $dev_deb, $kit_deb and $runtime_deb"
 runtime="$tmp/packages/$runtime_deb"
 dev="$tmp/packages/$dev_deb"
+kit="$tmp/packages/$kit_deb"
 
 # --- 2. control fields ----------------------------------------------------------
 field() { dpkg-deb --field "$1" "$2"; }
-for pair in "$runtime libthriftusb" "$dev libthriftusb-dev"; do
+for pair in "$runtime libthriftusb" "$dev libthriftusb-dev" "$kit libthriftusb-testkit-dev"; do
   read -r deb name <<<"$pair"
   [ "$(field "$deb" Package)" = "$name" ] || fail "$deb: Package is not $name"
   [ "$(field "$deb" Version)" = "$release" ] || fail "$deb: Version is not $release"
@@ -71,8 +76,14 @@ for pair in "$runtime libthriftusb" "$dev libthriftusb-dev"; do
 done
 runtime_depends="$(field "$runtime" Depends)"
 dev_depends="$(field "$dev" Depends)"
+kit_depends="$(field "$kit" Depends)"
 step "libthriftusb depends on: $runtime_depends"
 step "libthriftusb-dev depends on: $dev_depends"
+step "libthriftusb-testkit-dev depends on: $kit_depends"
+case ", $kit_depends," in
+  *", libthriftusb-dev (= $release),"* | "libthriftusb-dev (= $release),"*) ;;
+  *) fail "libthriftusb-testkit-dev does not depend on libthriftusb-dev (= $release)" ;;
+esac
 case ", $dev_depends," in
   *", libthriftusb (= $release),"*) ;;
   *) fail "libthriftusb-dev does not depend on libthriftusb (= $release)" ;;
@@ -105,6 +116,7 @@ done
 contents() { dpkg-deb --contents "$1" | awk '{print $6}' | sed 's|^\./||; s|/$||'; }
 contents "$runtime" >"$tmp/runtime.txt"
 contents "$dev" >"$tmp/dev.txt"
+contents "$kit" >"$tmp/kit.txt"
 usr_lib="usr/$libdir"
 cipher_real="${cipher_soname_file}.${real_file#"$soname_file".}"
 for f in "$soname_file" "$real_file" "$cipher_soname_file" "$cipher_real"; do
@@ -122,8 +134,14 @@ if grep -E "^usr/$includedir/|\\.so$|/cmake/|\\.pc$" "$tmp/runtime.txt" >"$tmp/e
 fi
 while IFS= read -r -d '' h; do
   h="${h#"$source_include_dir"/}"
-  grep -qx "usr/$includedir/$h" "$tmp/dev.txt" || fail "libthriftusb-dev lacks <$h>"
+  case "$h" in thriftusb/testing/*) package=kit ;; *) package=dev ;; esac
+  grep -qx "usr/$includedir/$h" "$tmp/$package.txt" || fail "$package package lacks <$h>"
 done < <(find "$source_include_dir/thriftusb" -name '*.h' -print0)
+for f in libthriftusb-testkit.so libthriftusb-emulated-usb.so cmake/ThriftUsb/ThriftUsb_testkit.cmake \
+         cmake/ThriftUsb/ThriftUsb_emulated_usb.cmake pkgconfig/thriftusb-testkit.pc \
+         pkgconfig/thriftusb-emulated-usb.pc; do
+  grep -qx "$usr_lib/$f" "$tmp/kit.txt" || fail "libthriftusb-testkit-dev lacks /$usr_lib/$f"
+done
 for f in "$usr_lib/$linker_file" "$usr_lib/libsm4-cipher.so" \
          "usr/$includedir/thriftusb/util/$(basename "$version_header")" \
          "$usr_lib/cmake/ThriftUsb/ThriftUsbConfig.cmake" \
@@ -131,14 +149,18 @@ for f in "$usr_lib/$linker_file" "$usr_lib/libsm4-cipher.so" \
          "$usr_lib/cmake/ThriftUsb/ThriftUsbTargets.cmake" "$usr_lib/pkgconfig/thriftusb.pc"; do
   grep -qx "$f" "$tmp/dev.txt" || fail "libthriftusb-dev lacks /$f"
 done
-step "both packages hold what they should ($(wc -l <"$tmp/runtime.txt") and $(wc -l <"$tmp/dev.txt") entries)"
+step "the packages hold what they should ($(wc -l <"$tmp/runtime.txt"), $(wc -l <"$tmp/dev.txt") and $(wc -l <"$tmp/kit.txt") entries)"
 
-# Each library the two shared libraries load must come from a package libthriftusb
-# depends on (libgcrypt20 only when the cipher was built with its libgcrypt backend).
-# A library no package owns, such as the Thrift 0.13 of .deps/, is left out.
-depends_names=" $(tr ',|' '\n\n' <<<"$runtime_depends" | sed 's/(.*//; s/[[:space:]]//g' | tr '\n' ' ') "
+# Each library the packaged shared libraries load must come from a package they
+# depend on, directly or through libthriftusb (libgcrypt20 only when the cipher was
+# built with its libgcrypt backend). A library no package owns, such as the Thrift
+# 0.13 of .deps/, is left out.
+all_depends="$runtime_depends, $kit_depends"
+depends_names=" $(tr ',|' '\n\n' <<<"$all_depends" | sed 's/(.*//; s/[[:space:]]//g' | tr '\n' ' ') "
 dpkg-deb --extract "$runtime" "$tmp/runtime"
-for so in "$tmp/runtime/$usr_lib/$soname_file" "$tmp/runtime/$usr_lib/$cipher_soname_file"; do
+dpkg-deb --extract "$kit" "$tmp/kit"
+for so in "$tmp/runtime/$usr_lib/$soname_file" "$tmp/runtime/$usr_lib/$cipher_soname_file" \
+          "$tmp/kit/$usr_lib"/libthriftusb-*.so.*.*; do
   for needed in $(objdump -p "$so" | awk '$1 == "NEEDED" {print $2}'); do
     case "$needed" in libthriftusb.so.* | libsm4-cipher.so.*) continue ;; esac
     owners="$({ dpkg -S "*/$needed" 2>/dev/null || true; } | sed 's/: .*//; s/:[^,]*//g; s/,/ /g')"
@@ -147,7 +169,7 @@ for so in "$tmp/runtime/$usr_lib/$soname_file" "$tmp/runtime/$usr_lib/$cipher_so
     for owner in $owners; do
       case "$depends_names" in *" $owner "*) found="$owner" ;; esac
     done
-    [ -n "$found" ] || fail "$(basename "$so") loads $needed (from $owners), but libthriftusb does not depend on it"
+    [ -n "$found" ] || fail "$(basename "$so") loads $needed (from $owners), but no package depends on it"
   done
 done
 step "every packaged library the shared libraries load is a dependency"
@@ -160,8 +182,9 @@ admin="$root/var/lib/dpkg"
 mkdir -p "$admin/info" "$admin/updates" "$admin/triggers"
 : >"$admin/status"
 : >"$admin/available"
-names="$(printf '%s, %s' "$runtime_depends" "$dev_depends" | tr ',|' '\n\n' |
-         sed 's/(.*//; s/:.*//; s/[[:space:]]//g' | grep -v '^$' | grep -vx 'libthriftusb' | sort -u)"
+names="$(printf '%s, %s' "$all_depends" "$dev_depends" | tr ',|' '\n\n' |
+         sed 's/(.*//; s/:.*//; s/[[:space:]]//g' | grep -v '^$' |
+         grep -vx 'libthriftusb\|libthriftusb-dev' | sort -u)"
 for name in $names; do
   if dpkg-query --status "$name" >"$tmp/stanza" 2>/dev/null &&
      grep -qx 'Status: install ok installed' "$tmp/stanza"; then
@@ -175,12 +198,13 @@ for name in $names; do
   fi
 done
 dpkg_root=("$dpkg" "--root=$root" --force-not-root)
-step "dpkg --root=$root --unpack $runtime_deb $dev_deb"
-run "$tmp/unpack.log" "${dpkg_root[@]}" --unpack "$runtime" "$dev" ||
+step "dpkg --root=$root --unpack $runtime_deb $dev_deb $kit_deb"
+run "$tmp/unpack.log" "${dpkg_root[@]}" --unpack "$runtime" "$dev" "$kit" ||
   fail "dpkg could not unpack the packages into $root"
-run "$tmp/configure.log" "${dpkg_root[@]}" --configure --no-act libthriftusb libthriftusb-dev ||
+run "$tmp/configure.log" "${dpkg_root[@]}" --configure --no-act libthriftusb libthriftusb-dev \
+    libthriftusb-testkit-dev ||
   fail "the packages' dependencies are not met by the packages installed on this machine"
-for name in libthriftusb libthriftusb-dev; do
+for name in libthriftusb libthriftusb-dev libthriftusb-testkit-dev; do
   "${dpkg_root[@]}" --listfiles "$name" >/dev/null || fail "dpkg in $root does not know $name"
 done
 step "unpacked with dpkg, dependencies met"

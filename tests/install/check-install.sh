@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs a build tree of the library into a fresh prefix, moves the installed tree
 # elsewhere, and proves a consumer can use it from there in both supported ways:
-#   1. a CMake project with find_package(ThriftUsb) and ThriftUsb::thriftusb;
-#   2. a plain compiler command line with `pkg-config --cflags --libs thriftusb`.
+#   1. a CMake project with find_package(ThriftUsb COMPONENTS testkit emulated_usb);
+#   2. a plain compiler command line with `pkg-config --cflags --libs thriftusb`
+#      (thriftusb-testkit, thriftusb-emulated-usb).
 # Both programs are run and must load the installed library, the installed cipher
-# library and the Thrift runtime the library was built against. The installed tree
+# library and the Thrift runtime the library was built against; so are the
+# consumer's tests of its own service over the test kit's virtual cable and emulated
+# USB device, built both ways. The installed tree
 # itself is checked too: the shared library's symlink chain and SONAME, the cipher
 # library, the headers, the CMake package files and the pkg-config file. Moving the
 # tree proves that nothing installed depends on the prefix it was installed into.
@@ -24,13 +27,13 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 build_dir="" source_include_dir="" consumer_dir="" cmake="" generator="" make_program=""
 cxx="" pkg_config="" thrift_pcdir="" libdir="" includedir="" linker_file="" soname_file=""
 real_file="" cipher_soname_file="" version_header="" readelf="" sanitize="" werror="OFF"
-installed_prefix=""
+installed_prefix="" thrift_compiler=""
 take_args build_dir source_include_dir consumer_dir cmake generator make_program cxx \
-          pkg_config thrift_pcdir libdir includedir linker_file soname_file real_file \
+          pkg_config thrift_pcdir thrift_compiler libdir includedir linker_file soname_file real_file \
           cipher_soname_file version_header readelf sanitize werror installed_prefix -- "$@"
 [ "${#rest[@]}" -eq 0 ] || fail "unknown argument '${rest[0]}'"
 require_args build_dir source_include_dir consumer_dir cmake generator cxx pkg_config \
-             thrift_pcdir libdir includedir linker_file soname_file real_file \
+             thrift_pcdir thrift_compiler libdir includedir linker_file soname_file real_file \
              cipher_soname_file version_header readelf
 
 started=$SECONDS
@@ -163,6 +166,7 @@ consumer: Sm4Cipher gave the known SM4 cipher block and deciphered it" ] ||
 cmake_build="$tmp/cmake-consumer"
 configure=("$cmake" -S "$consumer_dir" -B "$cmake_build" -G "$generator"
            "-DCMAKE_CXX_COMPILER=$cxx" "-DCMAKE_PREFIX_PATH=$prefix"
+           "-DTHRIFT_COMPILER=$thrift_compiler"
            -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF -DCMAKE_FIND_USE_SYSTEM_PACKAGE_REGISTRY=OFF
            "-DCMAKE_CXX_FLAGS=${flags[*]} ${san_flags[*]}")
 [ -n "$make_program" ] && configure+=("-DCMAKE_MAKE_PROGRAM=$make_program")
@@ -176,6 +180,36 @@ found_dir="$(sed -n 's/^ThriftUsb_DIR:[A-Z]*=//p' "$cmake_build/CMakeCache.txt")
 run "$tmp/cmake-build.log" "$cmake" --build "$cmake_build" ||
   fail "building the CMake consumer failed"
 check_program "$cmake_build/consumer"
+
+# A component the installed tree does not have fails find_package, naming it.
+mkdir "$tmp/missing-component"
+printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(missing LANGUAGES CXX)' \
+  'find_package(ThriftUsb REQUIRED COMPONENTS testkit nonesuch)' \
+  >"$tmp/missing-component/CMakeLists.txt"
+if "$cmake" -S "$tmp/missing-component" -B "$tmp/missing-build" -G "$generator" \
+    "-DCMAKE_CXX_COMPILER=$cxx" "-DCMAKE_PREFIX_PATH=$prefix" \
+    ${make_program:+"-DCMAKE_MAKE_PROGRAM=$make_program"} >"$tmp/missing.log" 2>&1 ||
+  ! grep -q "no component 'nonesuch'" "$tmp/missing.log"; then
+  cat "$tmp/missing.log" >&2
+  fail "find_package(ThriftUsb COMPONENTS nonesuch) did not fail naming the component"
+fi
+step "find_package(ThriftUsb COMPONENTS nonesuch) fails, naming the component"
+
+# check_kit_test EXE: runs a consumer's test of its service on the test kit.
+check_kit_test() {
+  local exe="$1"
+  timeout -k 5 120 "$exe" >"$tmp/kit-test.log" 2>&1 || {
+    cat "$tmp/kit-test.log" >&2
+    fail "the consumer's test $exe failed"
+  }
+  grep -q '^\[  PASSED  \] 1 test\.$' "$tmp/kit-test.log" || {
+    cat "$tmp/kit-test.log" >&2
+    fail "the consumer's test $exe did not pass its one test"
+  }
+  step "$(basename "$(dirname "$exe")")/$(basename "$exe") passed"
+}
+check_kit_test "$cmake_build/cable_test"
+check_kit_test "$cmake_build/emulated_test"
 
 # --- 2. pkg-config: thriftusb.pc --------------------------------------------------
 export PKG_CONFIG_PATH="$lib/pkgconfig:$thrift_pcdir"
@@ -220,5 +254,24 @@ run "$tmp/pc-build.log" "$cxx" -std=c++17 "${flags[@]}" "${san_flags[@]}" "${pc_
     "$consumer_dir/consumer.cpp" -o "$pc_build/consumer" "${pc_libs[@]}" "${rpath[@]}" ||
   fail "compiling the consumer with pkg-config failed"
 check_program "$pc_build/consumer"
+
+# The consumer's tests, on the service code the CMake build generated.
+step "compiling the consumer's tests with pkg-config thriftusb-testkit, thriftusb-emulated-usb"
+gen="$cmake_build/gen-cpp"
+objects=()
+for source in "$gen"/*.cpp; do
+  objects+=("$pc_build/$(basename "$source" .cpp).o")
+  run "$tmp/pc-gen.log" "$cxx" -std=c++17 -w "${san_flags[@]}" "${pc_cflags[@]}" -c "$source" \
+      -o "${objects[-1]}" || fail "compiling the generated $(basename "$source") failed"
+done
+for kit in "cable_test thriftusb-testkit" "emulated_test thriftusb-emulated-usb"; do
+  read -r name package <<<"$kit"
+  read -r -a kit_libs <<<"$("$pkg_config" --libs thriftusb "$package" gtest_main)"
+  run "$tmp/pc-$name.log" "$cxx" -std=c++17 "${flags[@]}" "${san_flags[@]}" \
+      "${pc_cflags[@]}" -isystem "$gen" \
+      "$consumer_dir/$name.cpp" "${objects[@]}" -o "$pc_build/$name" "${kit_libs[@]}" \
+      "${rpath[@]}" || fail "compiling $name with pkg-config $package failed"
+  check_kit_test "$pc_build/$name"
+done
 
 step "PASS in $((SECONDS - started)) s"

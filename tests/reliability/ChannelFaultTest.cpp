@@ -22,9 +22,9 @@
 #include <thriftusb/transport/TCupsDevice.h>
 #include <thriftusb/transport/TLibusbDevice.h>
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
+#include <thriftusb/testing/EmulatedUsbBus.h>
 
 #include "support/Bounded.h"
-#include "support/EmulatedUsbDevice.h"
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/ForkedChild.h"
@@ -35,6 +35,7 @@ using apache::thrift::transport::TLibusbDevice;
 using apache::thrift::transport::TNonblockingUsbSocket;
 using apache::thrift::transport::TTransportException;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 

@@ -40,6 +40,9 @@
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
 #include <thriftusb/transport/TUSBSocket.h>
 #include <thriftusb/transport/TUsbDevice.h>
+#include <thriftusb/testing/PtyDevice.h>
+#include <thriftusb/testing/TempDir.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include "BlockingLink.h"
 #include "DemoOptions.h"
@@ -54,10 +57,7 @@
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
-#include "support/PtyDevice.h"
 #include "support/SyscallSpy.h"
-#include "support/TempDir.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TMemoryBuffer;
@@ -71,6 +71,7 @@ using apache::thrift::transport::TUSBSocket;
 using apache::thrift::transport::TUsbDevice;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Type = TTransportException::TTransportExceptionType;

@@ -31,13 +31,14 @@
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
 #include <thriftusb/transport/TUsbDevice.h>
+#include <thriftusb/testing/ServerRunner.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include "DemoOptions.h"
 #include "Gadget.h"
 #include "support/Resources.h"
 #include "ThreadedLink.h"
 #include "support/Bounded.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::protocol::TProtocol;
@@ -50,6 +51,7 @@ using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TUsbDevice;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -157,28 +159,20 @@ public:
       transport(std::make_shared<TServerNonblockingUsbSocket>(
           cable.device().readPath, cable.device().writePath, false, kBlock, kBlock)),
       counter(std::make_shared<ConnectionCounter>()),
-      server_(makeGadgetServer(transport, gadget, std::move(cipher))) {
-    server_->setServerEventHandler(counter);
-    thread_ = std::make_unique<PeerThread>([this] { server_->serve(); });
-  }
-
-  ~SoakServer() {
-    // A stop closes the connection being served and then marks the server transport
-    // interrupted; a serving thread that is back in accept in between opens one more
-    // connection, which the next stop closes.
-    do {
-      server_->stop();
-    } while (!thread_->waitFor(std::chrono::milliseconds(50)));
-    thread_->join();
-  }
+      runner_(counted(makeGadgetServer(transport, gadget, std::move(cipher)), counter)) {}
 
   std::shared_ptr<SoakGadget> gadget;
   std::shared_ptr<TServerNonblockingUsbSocket> transport;
   std::shared_ptr<ConnectionCounter> counter;
 
 private:
-  std::shared_ptr<TSimpleServer> server_;
-  std::unique_ptr<PeerThread> thread_;
+  static std::shared_ptr<TSimpleServer> counted(std::shared_ptr<TSimpleServer> server,
+                                                std::shared_ptr<ConnectionCounter> counter) {
+    server->setServerEventHandler(std::move(counter));
+    return server;
+  }
+
+  ServerRunner runner_;
 };
 
 /** A host on the threaded stack, with encrypted frames when @p cipher is set. */

@@ -3,6 +3,7 @@
 // and control transfers as the device answers them.
 
 #include <thriftusb/transport/TLibusbDevice.h>
+#include <thriftusb/testing/EmulatedUsbBus.h>
 
 #include <cerrno>
 #include <chrono>
@@ -21,12 +22,12 @@
 #include <libusb.h>
 
 #include "support/Bounded.h"
-#include "support/EmulatedUsbDevice.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
 
 using apache::thrift::transport::TLibusbDevice;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using Lines = std::vector<std::string>;
 
 namespace {

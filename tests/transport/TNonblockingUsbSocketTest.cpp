@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <thriftusb/transport/TUsbDevice.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include "support/Bounded.h"
 #include "support/Expect.h"
@@ -27,12 +28,12 @@
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 #include "support/SyscallSpy.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::transport::TNonblockingUsbSocket;
 using apache::thrift::transport::TTransportException;
 using apache::thrift::transport::TUsbDevice;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using namespace std::chrono_literals;
 
 namespace {

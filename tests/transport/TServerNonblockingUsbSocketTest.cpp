@@ -1,4 +1,7 @@
 #include <thriftusb/transport/TServerNonblockingUsbSocket.h>
+#include <thriftusb/testing/PtyDevice.h>
+#include <thriftusb/testing/TempDir.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,15 +22,13 @@
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
-#include "support/PtyDevice.h"
 #include "support/SyscallSpy.h"
-#include "support/TempDir.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::transport::TServerNonblockingUsbSocket;
 using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 using namespace std::chrono_literals;
 using Paths = std::vector<std::string>;
 

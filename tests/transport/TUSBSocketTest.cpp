@@ -1,4 +1,6 @@
 #include <thriftusb/transport/TUSBSocket.h>
+#include <thriftusb/testing/PtyDevice.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,13 +16,12 @@
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
-#include "support/PtyDevice.h"
 #include "support/SyscallSpy.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::transport::TTransportException;
 using apache::thrift::transport::TUSBSocket;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 
 namespace {
 

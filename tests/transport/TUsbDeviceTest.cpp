@@ -1,4 +1,6 @@
 #include <thriftusb/transport/TUsbDevice.h>
+#include <thriftusb/testing/PtyDevice.h>
+#include <thriftusb/testing/VirtualCable.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,12 +14,11 @@
 
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
-#include "support/PtyDevice.h"
 #include "support/SyscallSpy.h"
-#include "support/VirtualCable.h"
 
 using apache::thrift::transport::TUsbDevice;
 using namespace thriftusb::test;
+using namespace thriftusb::testing;
 
 namespace {
 

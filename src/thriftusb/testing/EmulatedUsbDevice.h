@@ -1,5 +1,5 @@
-#ifndef THRIFTUSB_TESTS_SUPPORT_EMULATEDUSBDEVICE_H
-#define THRIFTUSB_TESTS_SUPPORT_EMULATEDUSBDEVICE_H
+#ifndef THRIFTUSB_TESTING_EMULATEDUSBDEVICE_H
+#define THRIFTUSB_TESTING_EMULATEDUSBDEVICE_H
 
 #include <chrono>
 #include <condition_variable>
@@ -11,28 +11,27 @@
 #include <string>
 #include <vector>
 
-typedef struct _UMockdevTestbed UMockdevTestbed;
 typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 /** An endpoint: bit 7 of the address set for IN; type 2 bulk, 3 interrupt. */
 struct EndpointInfo {
-  uint8_t address;
-  uint8_t type = 2;
+  uint8_t address;  ///< endpoint address, 0x81 for IN endpoint 1
+  uint8_t type = 2; ///< transfer type: 2 bulk, 3 interrupt
 };
 
 /** One alternate setting of an interface, with its endpoints in descriptor order. */
 struct SettingInfo {
-  uint8_t interface;
-  uint8_t alternate;
-  uint8_t cls;
-  uint8_t subClass;
-  uint8_t protocol;
-  std::vector<EndpointInfo> endpoints;
+  uint8_t interface;                   ///< interface number
+  uint8_t alternate;                   ///< alternate setting number
+  uint8_t cls;                         ///< interface class
+  uint8_t subClass;                    ///< interface subclass
+  uint8_t protocol;                    ///< interface protocol
+  std::vector<EndpointInfo> endpoints; ///< its endpoints
 };
 
 /**
@@ -40,10 +39,10 @@ struct SettingInfo {
  * settings grouped by interface. The first configuration is the active one.
  */
 struct DeviceInfo {
-  uint16_t vendor;
-  uint16_t product;
-  std::string serial;
-  std::vector<std::vector<SettingInfo>> configurations;
+  uint16_t vendor;    ///< vendor id
+  uint16_t product;   ///< product id
+  std::string serial; ///< serial number; empty: the device has none
+  std::vector<std::vector<SettingInfo>> configurations; ///< settings per configuration
 };
 
 /**
@@ -52,33 +51,40 @@ struct DeviceInfo {
  * URB never ends by itself, the host's time-out discards it with the bytes given.
  */
 struct Reply {
-  std::string data;
-  int status = 0;
-  bool hold = false;
+  std::string data;  ///< bytes the device sends (IN)
+  int status = 0;    ///< the URB's status: 0, or a negative errno
+  bool hold = false; ///< the URB never ends by itself
 };
 
 /** A control request received (string descriptor requests are answered apart). */
 struct ControlRequest {
-  uint8_t requestType, request;
-  uint16_t value, index, length;
+  uint8_t requestType; ///< bmRequestType
+  uint8_t request;     ///< bRequest
+  uint16_t value;      ///< wValue
+  uint16_t index;      ///< wIndex
+  uint16_t length;     ///< wLength
   std::string data;  ///< the data stage of an OUT request
 };
 
 /** What an emulated device has seen so far. */
 struct Observed {
   std::string out;  ///< bytes accepted from bulk OUT URBs
-  std::vector<ControlRequest> controls;
+  std::vector<ControlRequest> controls; ///< control requests, in order
   std::map<unsigned long, int> ioctls;  ///< per request code
   std::map<uint8_t, int> urbs;          ///< URBs submitted per endpoint
   std::map<uint8_t, int> clearedHalts;  ///< per endpoint
   std::vector<unsigned> claimed;        ///< interfaces claimed now
   int openHandles;  ///< descriptors open on the node now (a close shows within ms)
   int opens;        ///< descriptors ever opened on the node
-  bool kernelDriver;
+  bool kernelDriver; ///< whether the emulated kernel driver is bound
 };
 
 /** The three kinds of transfer a device answers. */
-enum class Pipe { In, Out, Control };
+enum class Pipe {
+  In,     ///< bulk IN
+  Out,    ///< bulk OUT
+  Control ///< control requests
+};
 
 /**
  * The device's side of the usbdevfs ioctls of one device emulated for the real
@@ -95,32 +101,64 @@ enum class Pipe { In, Out, Control };
  */
 class EmulatedUsbDevice {
 public:
+  /**
+   * A device as EmulatedUsbBus::add() makes it.
+   *
+   * @param info     its identifiers, serial number and configurations
+   * @param address  its address (devnum) on bus 1
+   */
   EmulatedUsbDevice(const DeviceInfo& info, uint8_t address);
+  /** Lets go of every URB and descriptor reference it holds. */
   ~EmulatedUsbDevice();
   EmulatedUsbDevice(const EmulatedUsbDevice&) = delete;
   EmulatedUsbDevice& operator=(const EmulatedUsbDevice&) = delete;
 
-  /** Queues the answer to a coming transfer on @p pipe. */
+  /**
+   * Queues the answer to a coming transfer.
+   *
+   * @param pipe   the pipe of that transfer
+   * @param reply  what the device answers
+   */
   void queue(Pipe pipe, Reply reply);
-  /** With @p on, an IN URB with nothing queued ends at once with zero length. */
+  /**
+   * Chooses what an IN URB with nothing queued does.
+   *
+   * @param on  true: it ends at once with zero length; false: it waits
+   */
   void setZeroLengthWhenIdle(bool on);
-  /** Replaces the serial number (the device descriptor keeps its string index). */
+  /**
+   * Replaces the serial number (the device descriptor keeps its string index).
+   *
+   * @param serial  the new serial number
+   */
   void setSerial(const std::string& serial);
-  /** Binds or unbinds the emulated kernel driver. */
+  /**
+   * Binds or unbinds the emulated kernel driver.
+   *
+   * @param bound  whether a kernel driver is bound to the interfaces
+   */
   void setKernelDriver(bool bound);
-  /** Makes ioctl @p request fail with @p error from now on; 0 ends that. */
+  /**
+   * Makes one ioctl fail from now on.
+   *
+   * @param request  the ioctl's request code (USBDEVFS_…)
+   * @param error    the errno it fails with; 0 makes it work again
+   */
   void failIoctl(unsigned long request, int error);
   /** The device goes: waiting URBs end -ESHUTDOWN, new ones fail ENODEV. */
   void unplug();
 
-  /** A snapshot of what the device has seen, and its kernel-driver state. */
+  /** @return a snapshot of what the device has seen, and its kernel-driver state */
   Observed observed() const;
   /**
-   * Waits up to @p limit for OUT bytes not taken yet and takes at most @p max of
-   * them; empty after the limit or once unplugged.
+   * Waits for OUT bytes not taken yet and takes some of them.
+   *
+   * @param max    the most bytes to take
+   * @param limit  how long to wait for the first byte
+   * @return the bytes taken; empty after the limit or once unplugged
    */
   std::string takeOut(size_t max, std::chrono::milliseconds limit);
-  /** The device address (devnum) on bus 1. */
+  /** @return the device address (devnum) on bus 1 */
   uint8_t address() const { return address_; }
 
 private:
@@ -163,44 +201,7 @@ private:
   std::map<UMockdevIoctlClient*, std::deque<Urb>> done_;
 };
 
-/**
- * ThreadSanitizer's false alarms around the emulation, built into the programs that
- * link it (hand them to a child program in TSAN_OPTIONS): libumockdev and GLib are
- * not instrumented and pass data to the testbed's worker under GLib's own locks,
- * which ThreadSanitizer cannot see; libusb completes one thread's synchronous
- * transfer from another thread's event handling and frees it behind a flag it reads
- * without a lock.
- */
-extern const char* const kTsanSuppressions;
-
-/**
- * A umockdev testbed with a root hub on bus 1 and the emulated devices. The program
- * must load libumockdev-preload before libc (link it with --no-as-needed); the
- * constructor throws otherwise, since libusb would silently see the real, empty
- * system. One bus per process at a time; add every device before libusb is
- * initialised. The destructor ends the default context if initDefaultContext() made
- * it.
- */
-class EmulatedUsbBus {
-public:
-  EmulatedUsbBus();
-  ~EmulatedUsbBus();
-  EmulatedUsbBus(const EmulatedUsbBus&) = delete;
-  EmulatedUsbBus& operator=(const EmulatedUsbBus&) = delete;
-
-  /** Plugs in a device at the next free address. */
-  EmulatedUsbDevice& add(const DeviceInfo& info);
-  /** libusb_init() of libusb's default context. */
-  void initDefaultContext();
-
-private:
-  UMockdevTestbed* testbed_;
-  std::vector<UMockdevIoctlBase*> handlers_;
-  std::vector<std::unique_ptr<EmulatedUsbDevice>> devices_;
-  bool defaultContext_ = false;
-};
-
-} // namespace test
+} // namespace testing
 } // namespace thriftusb
 
 #endif

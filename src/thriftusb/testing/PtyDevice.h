@@ -1,10 +1,10 @@
-#ifndef THRIFTUSB_TESTS_SUPPORT_PTYDEVICE_H
-#define THRIFTUSB_TESTS_SUPPORT_PTYDEVICE_H
+#ifndef THRIFTUSB_TESTING_PTYDEVICE_H
+#define THRIFTUSB_TESTING_PTYDEVICE_H
 
 #include <string>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 /**
  * A one-node device: a pseudo-terminal in raw mode. Its slave is the device node
@@ -15,15 +15,22 @@ namespace test {
  */
 class PtyDevice {
 public:
+  /**
+   * Opens a new pseudo-terminal and puts it in raw mode.
+   *
+   * @throws std::system_error when the system has no pseudo-terminal to give
+   */
   PtyDevice();
+
+  /** Closes both sides: the code under test then reads end of data. */
   ~PtyDevice();
   PtyDevice(const PtyDevice&) = delete;
   PtyDevice& operator=(const PtyDevice&) = delete;
 
-  /** Path of the device node (the slave). */
+  /** @return the path of the device node (the slave) */
   const std::string& path() const { return path_; }
 
-  /** The peer's descriptor (the master), blocking. */
+  /** @return the peer's descriptor (the master), blocking; the object keeps it */
   int peerFd() const { return master_; }
 
 private:
@@ -32,7 +39,7 @@ private:
   std::string path_;
 };
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb
 
 #endif

@@ -1,12 +1,12 @@
-#ifndef THRIFTUSB_TESTS_SUPPORT_VIRTUALCABLE_H
-#define THRIFTUSB_TESTS_SUPPORT_VIRTUALCABLE_H
+#ifndef THRIFTUSB_TESTING_VIRTUALCABLE_H
+#define THRIFTUSB_TESTING_VIRTUALCABLE_H
 
 #include <string>
 
-#include "TempDir.h"
+#include <thriftusb/testing/TempDir.h>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 /**
  * A USB cable made of two FIFOs in a private directory: one carries bytes from the
@@ -23,25 +23,45 @@ class VirtualCable {
 public:
   /** The node pair of one end of the cable. */
   struct End {
-    std::string readPath;
-    std::string writePath;
+    std::string readPath;  ///< the node this end reads from
+    std::string writePath; ///< the node this end writes to
   };
 
+  /**
+   * Makes both FIFOs in a new private directory under $TMPDIR (or /tmp) and plugs
+   * the cable in.
+   *
+   * @throws std::system_error when the directory or a FIFO cannot be made or opened
+   */
   VirtualCable();
+
+  /** Unplugs the cable and removes the FIFOs with their directory. */
   ~VirtualCable();
+
   VirtualCable(const VirtualCable&) = delete;
   VirtualCable& operator=(const VirtualCable&) = delete;
 
-  /** The host's end: reads what the device sends, writes to the device. */
+  /** @return the host's end: reads what the device sends, writes to the device */
   End host() const { return {deviceToHost_, hostToDevice_}; }
 
-  /** The device's end: reads what the host sends, writes to the host. */
+  /** @return the device's end: reads what the host sends, writes to the host */
   End device() const { return {hostToDevice_, deviceToHost_}; }
 
-  /** Drops the cable's own hold on both FIFOs. */
+  /**
+   * Drops the cable's own hold on both FIFOs: once an end has closed its nodes, the
+   * other end reads end of data. Unplugging twice is harmless.
+   */
   void unplug();
 
-  /** The directory that holds the FIFOs. */
+  /**
+   * Takes hold of both FIFOs again after unplug(); bytes left in them stay. Plugging
+   * a plugged cable changes nothing.
+   *
+   * @throws std::system_error when a FIFO cannot be opened
+   */
+  void plug();
+
+  /** @return the directory that holds the FIFOs */
   const std::string& directory() const { return dir_.path(); }
 
 private:
@@ -52,7 +72,7 @@ private:
   int holdDeviceToHost_ = -1;
 };
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb
 
 #endif

@@ -1,4 +1,4 @@
-#include "VirtualCable.h"
+#include <thriftusb/testing/VirtualCable.h>
 
 #include <cerrno>
 #include <system_error>
@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 namespace {
 
@@ -33,12 +33,21 @@ int hold(const std::string& path) {
 
 VirtualCable::VirtualCable()
   : hostToDevice_(makeFifo(dir_, "host-to-device")),
-    deviceToHost_(makeFifo(dir_, "device-to-host")),
-    holdHostToDevice_(hold(hostToDevice_)),
-    holdDeviceToHost_(hold(deviceToHost_)) {}
+    deviceToHost_(makeFifo(dir_, "device-to-host")) {
+  plug();
+}
 
 VirtualCable::~VirtualCable() {
   unplug();
+}
+
+void VirtualCable::plug() {
+  if (holdHostToDevice_ < 0) {
+    holdHostToDevice_ = hold(hostToDevice_);
+  }
+  if (holdDeviceToHost_ < 0) {
+    holdDeviceToHost_ = hold(deviceToHost_);
+  }
 }
 
 void VirtualCable::unplug() {
@@ -50,5 +59,5 @@ void VirtualCable::unplug() {
   }
 }
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb

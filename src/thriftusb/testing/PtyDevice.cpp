@@ -1,4 +1,4 @@
-#include "PtyDevice.h"
+#include <thriftusb/testing/PtyDevice.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 namespace {
 
@@ -46,5 +46,5 @@ PtyDevice::~PtyDevice() {
   }
 }
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb

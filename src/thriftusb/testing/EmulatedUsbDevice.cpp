@@ -1,4 +1,6 @@
-#include "EmulatedUsbDevice.h"
+// The device and the bus it is plugged into share the descriptor helpers below.
+#include <thriftusb/testing/EmulatedUsbBus.h>
+#include <thriftusb/testing/EmulatedUsbDevice.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +18,7 @@
 #include <umockdev.h>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 const char* const kTsanSuppressions =
     "race:libumockdev.so.0\nrace:libglib-2.0.so.0\nrace:libusb_free_transfer\n";
@@ -456,10 +458,5 @@ void EmulatedUsbBus::initDefaultContext() {
   defaultContext_ = true;
 }
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb
-
-// ThreadSanitizer takes the suppressions built into a program from this function.
-extern "C" const char* __tsan_default_suppressions() {
-  return thriftusb::test::kTsanSuppressions;
-}

@@ -1,4 +1,4 @@
-#include "TempDir.h"
+#include <thriftusb/testing/TempDir.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -6,7 +6,7 @@
 #include <vector>
 
 namespace thriftusb {
-namespace test {
+namespace testing {
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
@@ -25,5 +25,5 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-} // namespace test
+} // namespace testing
 } // namespace thriftusb

@@ -1,0 +1,30 @@
+# Checks that each code block the guides mark with a file (a line
+# "<!-- path/from/the/source/root -->" right before it) is that file, word for word,
+# so that the guides show code CI builds and runs.
+#
+#   cmake -DSOURCE_DIR=<source root> -P CheckSnippets.cmake
+file(GLOB _guides "${SOURCE_DIR}/docs/*.md")
+set(_checked 0)
+foreach(_guide IN LISTS _guides)
+  file(READ "${_guide}" _text)
+  string(REGEX MATCHALL "<!-- [^ ]+ -->\n```[a-z]*\n" _marks "${_text}")
+  foreach(_mark IN LISTS _marks)
+    string(REGEX REPLACE "<!-- ([^ ]+) -->.*" "\\1" _file "${_mark}")
+    string(FIND "${_text}" "${_mark}" _at)
+    string(LENGTH "${_mark}" _skip)
+    math(EXPR _at "${_at} + ${_skip}")
+    string(SUBSTRING "${_text}" ${_at} -1 _rest)
+    string(FIND "${_rest}" "\n```\n" _end)
+    math(EXPR _end "${_end} + 1")
+    string(SUBSTRING "${_rest}" 0 ${_end} _block)
+    file(READ "${SOURCE_DIR}/${_file}" _content)
+    if(NOT _block STREQUAL _content)
+      message(FATAL_ERROR "${_guide}: the block marked ${_file} is not that file")
+    endif()
+    math(EXPR _checked "${_checked} + 1")
+  endforeach()
+endforeach()
+if(_checked EQUAL 0)
+  message(FATAL_ERROR "no marked code block found in ${SOURCE_DIR}/docs")
+endif()
+message(STATUS "${_checked} code blocks are the files they show")
