@@ -60,7 +60,8 @@ set(_thriftusb_kit_testkit_headers PtyDevice.h ServerRunner.h TempDir.h VirtualC
 if(TARGET thriftusb-emulated-usb)
   list(APPEND _thriftusb_kit_parts emulated_usb)
   set(_thriftusb_kit_emulated_usb_target thriftusb-emulated-usb)
-  set(_thriftusb_kit_emulated_usb_headers EmulatedUsbBus.h EmulatedUsbDevice.h)
+  set(_thriftusb_kit_emulated_usb_headers
+      EmulatedGadgetTransport.h EmulatedUsbBus.h EmulatedUsbDevice.h)
 endif()
 foreach(_part IN LISTS _thriftusb_kit_parts)
   set(_target "${_thriftusb_kit_${_part}_target}")

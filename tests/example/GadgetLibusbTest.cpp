@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -19,8 +18,8 @@
 #include <gtest/gtest.h>
 #include <thrift/protocol/TBinaryProtocol.h>
 #include <thrift/transport/TTransportException.h>
-#include <thrift/transport/TVirtualTransport.h>
 
+#include <thriftusb/testing/EmulatedGadgetTransport.h>
 #include <thriftusb/testing/EmulatedUsbBus.h>
 #include <thriftusb/testing/TempDir.h>
 
@@ -36,41 +35,11 @@
 
 using apache::thrift::protocol::TBinaryProtocol;
 using apache::thrift::transport::TTransportException;
-using apache::thrift::transport::TVirtualTransport;
 using namespace thriftusb::example;
 using namespace thriftusb::test;
 using namespace thriftusb::testing;
 
 namespace {
-
-// The gadget's end of the emulated device: reads what the host sent OUT, and queues
-// each flushed answer as one IN transfer. Ends with END_OF_FILE once unplugged.
-class EmulatedGadgetEnd : public TVirtualTransport<EmulatedGadgetEnd> {
-public:
-  explicit EmulatedGadgetEnd(EmulatedUsbDevice& device) : device_(device) {}
-
-  uint32_t read(uint8_t* buf, uint32_t len) {
-    const std::string got = device_.takeOut(len, kPeerLimit);
-    if (got.empty()) {
-      throw TTransportException(TTransportException::END_OF_FILE, "unplugged");
-    }
-    std::memcpy(buf, got.data(), got.size());
-    return static_cast<uint32_t>(got.size());
-  }
-
-  void write(const uint8_t* buf, uint32_t len) {
-    answer_.append(reinterpret_cast<const char*>(buf), len);
-  }
-
-  void flush() override {
-    device_.queue(Pipe::In, {answer_});
-    answer_.clear();
-  }
-
-private:
-  EmulatedUsbDevice& device_;
-  std::string answer_;
-};
 
 // A gadget on the emulated bus with a serial number, serving until unplugged.
 class GadgetOverLibusb : public ::testing::Test {
@@ -80,7 +49,7 @@ protected:
                         {{{0, 0, 0xff, 0x00, 0x00, {{0x81}, {0x01}}}}}})),
       server_([this] {
         GadgetProcessor processor(std::make_shared<GadgetHandler>(serverLog_));
-        auto end = std::make_shared<EmulatedGadgetEnd>(device_);
+        auto end = std::make_shared<EmulatedGadgetTransport>(device_, kPeerLimit);
         serverEnd_ = serveUntilHangUp(processor, std::make_shared<TBinaryProtocol>(end));
       }) {}
 

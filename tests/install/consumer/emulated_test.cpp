@@ -1,14 +1,12 @@
 // The consumer's service tested through libusb: the host's real stack on TLibusbDevice
 // against an emulated gadget whose answers come from the service's processor.
-#include <chrono>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <thrift/protocol/TBinaryProtocol.h>
-#include <thrift/transport/TVirtualTransport.h>
+#include <thriftusb/testing/EmulatedGadgetTransport.h>
 #include <thriftusb/testing/EmulatedUsbBus.h>
 #include <thriftusb/transport/TLibusbDevice.h>
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
@@ -20,7 +18,6 @@
 using namespace apache::thrift;
 using namespace apache::thrift::transport;
 using thriftusb::testing::EmulatedUsbDevice;
-using thriftusb::testing::Pipe;
 
 #if defined(__SANITIZE_THREAD__)
 // Built with ThreadSanitizer: the emulation's known false alarms are not reported.
@@ -29,43 +26,18 @@ extern "C" const char* __tsan_default_suppressions() {
 }
 #endif
 
-// The gadget's end of the emulated device as a transport for the processor: reads
-// what the host sent OUT, and queues each flushed answer as one IN transfer. Ends
-// with END_OF_FILE once the device is unplugged.
-class EmulatedGadgetEnd : public TVirtualTransport<EmulatedGadgetEnd> {
-public:
-  explicit EmulatedGadgetEnd(EmulatedUsbDevice& device) : device_(device) {}
-  uint32_t read(uint8_t* buf, uint32_t len) {
-    const std::string got = device_.takeOut(len, std::chrono::seconds(10));
-    if (got.empty()) {
-      throw TTransportException(TTransportException::END_OF_FILE, "unplugged");
-    }
-    std::memcpy(buf, got.data(), got.size());
-    return static_cast<uint32_t>(got.size());
-  }
-  void write(const uint8_t* buf, uint32_t len) {
-    answer_.append(reinterpret_cast<const char*>(buf), len);
-  }
-  void flush() override {
-    device_.queue(Pipe::In, {answer_});
-    answer_.clear();
-  }
-
-private:
-  EmulatedUsbDevice& device_;
-  std::string answer_;
-};
-
 TEST(Calculator, AnswersThroughLibusb) {
   thriftusb::testing::EmulatedUsbBus bus;
   // 1209:0001, serial CALC-0042, one configuration with interface 0, alternate
   // setting 0, class ff/00/00, bulk IN 0x81 and bulk OUT 0x01.
   EmulatedUsbDevice& gadget =
       bus.add({0x1209, 0x0001, "CALC-0042", {{{0, 0, 0xff, 0x00, 0x00, {{0x81}, {0x01}}}}}});
+  // The gadget's side: the service's processor on the device's bulk pipes, each
+  // flushed answer one IN transfer, until the device is unplugged.
   std::thread device([&gadget] {
     calc::CalculatorProcessor processor(std::make_shared<CalculatorHandler>());
-    auto protocol =
-        std::make_shared<protocol::TBinaryProtocol>(std::make_shared<EmulatedGadgetEnd>(gadget));
+    auto protocol = std::make_shared<protocol::TBinaryProtocol>(
+        std::make_shared<thriftusb::testing::EmulatedGadgetTransport>(gadget));
     try {
       while (processor.process(protocol, protocol, nullptr)) {
       }
