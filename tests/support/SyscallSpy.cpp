@@ -4,7 +4,10 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include <cstdarg>
+
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <time.h>
 #include <unistd.h>
@@ -29,6 +32,7 @@ using WriteFn = ssize_t (*)(int, const void*, size_t);
 using FsyncFn = int (*)(int); // also close's signature
 using UsleepFn = int (*)(useconds_t);
 using ClockFn = int (*)(clockid_t, struct timespec*);
+using OpenFn = int (*)(const char*, int, ...);
 using ThreadStartFn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
 // The function that really starts a thread. A sanitizer runtime in the program
@@ -121,6 +125,22 @@ void SyscallSpy::clearCalls() {
   calls_.clear();
 }
 
+std::vector<int> SyscallSpy::openFlags(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<int> flags;
+  for (const auto& [opened, with] : opens_) {
+    if (opened == path) {
+      flags.push_back(with);
+    }
+  }
+  return flags;
+}
+
+void SyscallSpy::recordOpen(const char* path, int flags) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  opens_.emplace_back(path, flags);
+}
+
 bool SyscallSpy::watches(int fd) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return fds_.count(fd) != 0;
@@ -203,6 +223,32 @@ extern "C" int close(int fd) {
       thriftusb::test::steer(Sys::Close, fd, 0, [&] { return static_cast<long>(real(fd)); }));
 }
 
+// open and open64 are one function on 64-bit Linux, under either name.
+static int spiedOpen(const char* name, const char* path, int flags, va_list args) {
+  const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
+  thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
+  if (spy != nullptr) {
+    spy->recordOpen(path, flags);
+  }
+  return thriftusb::test::next<thriftusb::test::OpenFn>(name)(path, flags, mode);
+}
+
+extern "C" int open(const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const int fd = spiedOpen("open", path, flags, args);
+  va_end(args);
+  return fd;
+}
+
+extern "C" int open64(const char* path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const int fd = spiedOpen("open64", path, flags, args);
+  va_end(args);
+  return fd;
+}
+
 extern "C" int usleep(useconds_t micros) {
   static const auto real = thriftusb::test::next<thriftusb::test::UsleepFn>("usleep");
   thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
@@ -222,6 +268,24 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
   thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
   const int error = spy != nullptr ? spy->takeThreadStartError() : 0;
   return error != 0 ? error : real(thread, attr, start, arg);
+}
+
+// Waits until a point in time (std::condition_variable's wait_for and wait_until on the
+// steady clock) name it on the monotonic clock as moved by virtual time; the kernel
+// waits on the real one, so the offset comes off again here. Without this, every such
+// wait after a virtual-time test would last that much longer.
+extern "C" int pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
+                                      clockid_t clock, const struct timespec* at) {
+  using ClockwaitFn = int (*)(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
+  static const auto real = thriftusb::test::next<ClockwaitFn>("pthread_cond_clockwait");
+  const long long offset = thriftusb::test::clockOffsetNanos.load();
+  if (offset == 0 || clock != CLOCK_MONOTONIC) {
+    return real(cond, mutex, clock, at);
+  }
+  const long long nanos = at->tv_sec * 1000000000LL + at->tv_nsec - offset;
+  const timespec real_at{static_cast<time_t>(nanos / 1000000000LL),
+                         static_cast<long>(nanos % 1000000000LL)};
+  return real(cond, mutex, clock, &real_at);
 }
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* ts) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <string>
 #include <vector>
 
 namespace thriftusb {
@@ -25,8 +26,9 @@ struct SysCall {
 };
 
 /**
- * Watches and steers the read, write, fsync, close and usleep calls, and thread starts, that the code under test
- * makes, by interposing those C library functions in the test program. Calls on
+ * Watches and steers the read, write, fsync, close and usleep calls, and thread starts,
+ * that the code under test makes, and records the flags of its open calls, by
+ * interposing those C library functions in the test program. Calls on
  * descriptors that are not watched pass straight to the C library.
  *
  * A scripted outcome replaces the next call on a watched descriptor: it either fails
@@ -78,6 +80,9 @@ public:
   /** Forgets the recorded calls. */
   void clearCalls();
 
+  /** The flags of every open() of @p path while the spy lived, in order. */
+  std::vector<int> openFlags(const std::string& path) const;
+
   // Entry points of the interposed functions; not for tests.
   struct Outcome {
     long value;
@@ -89,12 +94,14 @@ public:
   bool instantSleeps() const;
   bool virtualTime() const;
   int takeThreadStartError();
+  void recordOpen(const char* path, int flags);
 
 private:
   mutable std::mutex mutex_;
   std::set<int> fds_;
   std::map<Sys, std::deque<Outcome>> script_;
   std::vector<SysCall> calls_;
+  std::vector<std::pair<std::string, int>> opens_;
   bool instantSleeps_ = false;
   bool virtualTime_ = false;
   int threadStartsBeforeFailure_ = -1; // -1: no failure scripted

@@ -152,6 +152,21 @@ TEST(TNonblockingUsbSocketTimeouts, ReadAllGivesUpAfterASilenceOfTheReadTimeout)
   }
 }
 
+TEST(TNonblockingUsbSocketTimeouts, WriteGivesUpWhenNothingMovesForTheWriteTimeout) {
+  Watchdog watchdog;
+  for (const bool nonblocking : {false, true}) {
+    SCOPED_TRACE(nonblocking);
+    CableLink link(nonblocking, 1000, 50);
+    link.socket.open();
+    // Nobody reads the cable: its FIFO (and in blocking mode the ring) fills up.
+    const auto data = bytesOf(patternBytes(1 << 20));
+    EXPECT_TRUE(throwsTransport(
+        [&] { link.socket.write(data.data(), static_cast<uint32_t>(data.size())); },
+        TTransportException::TIMED_OUT, "write timeout."));
+    link.socket.close();
+  }
+}
+
 TEST(TNonblockingUsbSocketTimeouts, ATricklingPeerNeverTimesOutAReadAll) {
   CableLink link(false, 150);
   link.socket.open();

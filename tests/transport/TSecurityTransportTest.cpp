@@ -273,6 +273,15 @@ TYPED_TEST(SecurityTransportShared, BuffersGrowAsNeededAndAreReclaimedAboveTheTh
   EXPECT_EQ(r->readEnd(), 304u);
   EXPECT_EQ(r->rBufSize(), 0u);
   EXPECT_EQ(readString(*r, 1000), small);
+
+  // "Above" the threshold is strict: a body of exactly the threshold is kept.
+  for (const uint32_t threshold : {bigBody - 1, bigBody}) {
+    auto e = TypeParam::make(this->inner, threshold);
+    this->inner->chunks = {frameOf(big, this->kEnc)};
+    EXPECT_EQ(readString(*e, 1000), big);
+    e->readEnd();
+    EXPECT_EQ(e->rBufSize(), threshold < bigBody ? 0u : bigBody) << threshold;
+  }
 }
 
 TYPED_TEST(SecurityTransportShared, WritesBeyondTheFrameLimitAreRefusedAndChangeNothing) {

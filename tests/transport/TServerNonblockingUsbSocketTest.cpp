@@ -150,6 +150,26 @@ TEST(TServerNonblockingUsbSocketCallback, TwoNodeModePassesReadNodeFirstAndUsesB
   EXPECT_EQ(readExactly(hostIn.get(), 4), "pong");
 }
 
+TEST(TServerNonblockingUsbSocketConnections, HoldAHostsBurstOfMegabytesUnread) {
+  Watchdog watchdog;
+  VirtualCable cable;
+  constexpr unsigned kBigBlock = 4096;
+  TServerNonblockingUsbSocket server(cable.device().readPath, cable.device().writePath, false,
+                                     kBigBlock, kBigBlock);
+  const auto transport = server.accept();
+  // Each connection's rings hold 4 MiB: the host's 2 MiB all leave the cable before
+  // the service reads a byte of them.
+  const std::string burst = patternBytes(2 << 20);
+  const auto hostOut = openFd(cable.host().writePath, O_WRONLY | O_NONBLOCK);
+  writeAll(hostOut.get(), burst);
+  std::string got(burst.size(), '\0');
+  for (size_t at = 0; at < got.size(); at += kBigBlock) {
+    transport->readAll(reinterpret_cast<uint8_t*>(&got[at]), kBigBlock);
+  }
+  EXPECT_TRUE(got == burst);
+  transport->close();
+}
+
 TEST(TServerNonblockingUsbSocketCallback, ItsExceptionsLeaveAcceptUnchangedWithoutRetry) {
   Watchdog watchdog;
   PtyDevice pty;

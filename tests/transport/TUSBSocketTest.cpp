@@ -104,6 +104,7 @@ TEST(TUSBSocketOpen, OneNodeUsesOneSilentReadWriteDescriptorAndReopens) {
   socket.open();
   const auto fds = newDescriptors(before, openDescriptors());
   EXPECT_EQ(accessModes(fds), std::multiset<int>{O_RDWR | O_NONBLOCK});
+  EXPECT_EQ(spy.openFlags(pty.path()), std::vector<int>{O_RDWR | O_EXCL | O_NONBLOCK});
   EXPECT_TRUE(socket.peek());
   EXPECT_TRUE(socket.hasPendingDataToRead());
   socket.open(); // already open: nothing happens
@@ -129,6 +130,7 @@ TEST(TUSBSocketOpen, OneNodeUsesOneSilentReadWriteDescriptorAndReopens) {
 TEST(TUSBSocketOpen, TwoNodeOpensAReadAndAWriteDescriptorLogsOnceAndReopens) {
   VirtualCable cable;
   LogCapture log;
+  SyscallSpy spy;
   TUSBSocket socket(cable.host().readPath, cable.host().writePath, 0, kBlock);
   const auto before = openDescriptors();
 
@@ -141,6 +143,11 @@ TEST(TUSBSocketOpen, TwoNodeOpensAReadAndAWriteDescriptorLogsOnceAndReopens) {
     EXPECT_EQ(openDescriptors(), before);
   }
   EXPECT_EQ(log.lines(), (std::vector<std::string>{kOpenLine, kCloseLine, kOpenLine, kCloseLine}));
+  // Exclusive opens, never with O_CREAT: a missing node is an error, not a new file.
+  EXPECT_EQ(spy.openFlags(cable.host().readPath),
+            std::vector<int>(2, O_RDONLY | O_EXCL | O_NONBLOCK));
+  EXPECT_EQ(spy.openFlags(cable.host().writePath),
+            std::vector<int>(2, O_WRONLY | O_EXCL | O_NONBLOCK));
 }
 
 TEST(TUSBSocketOpen, MissingNodesThrowNotOpenAndHoldNothing) {

@@ -104,6 +104,13 @@ TEST(TUsbDeviceOpen, FailsWithoutLoggingAndHoldsNothing) {
     EXPECT_EQ(openDescriptors(), before);
   }
   EXPECT_TRUE(log.lines().empty());
+
+  // A missing write path is refused before the read node is opened: a blocking open
+  // of a FIFO would wait there for a writer.
+  SyscallSpy spy;
+  TUsbDevice noWritePath(cable.host().readPath, "", false, kBlock, kBlock);
+  EXPECT_EQ(noWritePath.open(), -1);
+  EXPECT_TRUE(spy.openFlags(cable.host().readPath).empty());
 }
 
 // ---------------------------------------------------------------------------
