@@ -101,10 +101,14 @@ stage_libraries() {
   local name path
   while read -r name path; do
     case "$path" in
-      /lib/* | /lib64/* | /usr/lib/* | /usr/lib64/*) ;;
-      /*) [ -e "$libs/$name" ] || { cp -L "$path" "$libs/$name" && patchelf --set-rpath '$ORIGIN' "$libs/$name"; } ;;
+      /lib/* | /lib64/* | /usr/lib/* | /usr/lib64/*) continue ;;
+      /*) ;;
       *) log "FAIL: $1 needs $name, which is not found"; return 1 ;;
     esac
+    if [ ! -e "$libs/$name" ]; then
+      cp -L "$path" "$libs/$name"
+      patchelf --set-rpath '$ORIGIN' "$libs/$name"
+    fi
   done < <(ldd "$1" | sed -n 's/^[[:space:]]*\([^ ]*\) => \([^ ]*\).*/\1 \2/p')
 }
 stage_program() {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -176,4 +177,16 @@ TEST(GadgetServerOnAPty, ThreadedServerServesOneNodeAndStopsPromptlyMidConnectio
   // server transport interrupts.
   EXPECT_LT(timeToStop(server), kPrompt);
   EXPECT_NE(serverLog.str().find("server: divide(84, 2) = 42"), std::string::npos);
+}
+
+TEST(ServerRunner, StopRethrowsWhatServeFailedWith) {
+  // A server whose serve() fails by itself, as one whose transport cannot listen.
+  struct FailingServer : TServer {
+    FailingServer() : TServer(std::make_shared<GadgetProcessor>(nullptr)) {}
+    void serve() override { throw std::runtime_error("cannot listen"); }
+  };
+  ServerRunner server(std::make_shared<FailingServer>());
+  ASSERT_TRUE(waitUntil([&] { return !server.running(); }));
+  EXPECT_THROW(server.stop(), std::runtime_error);
+  EXPECT_NO_THROW(server.stop()); // stopped once: nothing more to do
 }

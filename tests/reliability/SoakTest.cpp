@@ -279,8 +279,9 @@ TEST(Soak, ConnectDisconnectCyclesKeepThreadsAndDescriptorsConstant) {
   const Resources after = Resources::now();
   report(1, "connect/disconnect: ", cycles, " cycles in ", seconds(took), " s (",
          1000.0 * seconds(took) / static_cast<double>(cycles), " ms each), ", serverConnections,
-         " server connections ended; threads ", before.threads.size(), " before, ", after.threads.size(),
-         " after; descriptors ", before.fds.size(), " before, ", after.fds.size(), " after");
+         " server connections ended; threads ", before.threads.size(), " before, ",
+         after.threads.size(), " after; descriptors ", before.fds.size(), " before, ",
+         after.fds.size(), " after");
 }
 
 TEST(Soak, ManySmallCallsAllSucceed) {

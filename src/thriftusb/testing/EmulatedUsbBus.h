@@ -15,9 +15,9 @@ namespace testing {
 /**
  * ThreadSanitizer's false alarms around the emulation, for a program built with
  * ThreadSanitizer that links this library (return them from the program's own
- * __tsan_default_suppressions(), or hand them to it in TSAN_OPTIONS): libumockdev and GLib are
- * not instrumented and pass data to the testbed's worker under GLib's own locks,
- * which ThreadSanitizer cannot see; libusb completes one thread's synchronous
+ * __tsan_default_suppressions(), or hand them to it in TSAN_OPTIONS): libumockdev
+ * and GLib are not instrumented and pass data to the testbed's worker under GLib's
+ * own locks, which ThreadSanitizer cannot see; libusb completes one thread's synchronous
  * transfer from another thread's event handling and frees it behind a flag it reads
  * without a lock.
  */

@@ -414,9 +414,11 @@ EmulatedUsbBus::EmulatedUsbBus() {
   }
   const DeviceInfo rootHub{0x1d6b, 0x0002, "", {{{0, 0, LIBUSB_CLASS_HUB, 0, 0, {{0x81, 3}}}}}};
   GError* error = nullptr;
-  check(umockdev_testbed_add_from_string(testbed_, record("/devices/usb1", 1, rootHub).c_str(),
-                                         &error),
-        "cannot add the root hub", error);
+  if (!umockdev_testbed_add_from_string(testbed_, record("/devices/usb1", 1, rootHub).c_str(),
+                                        &error)) {
+    g_object_unref(testbed_); // the destructor does not run for a failed constructor
+    check(false, "cannot add the root hub", error);
+  }
 }
 
 EmulatedUsbBus::~EmulatedUsbBus() {

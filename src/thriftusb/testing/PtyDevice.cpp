@@ -13,15 +13,24 @@ namespace testing {
 
 namespace {
 
-void check(bool ok, const char* what) {
-  if (!ok) {
-    throw std::system_error(errno, std::generic_category(), what);
+void closeIfOpen(int fd) {
+  if (fd >= 0) {
+    ::close(fd);
   }
 }
 
 } // namespace
 
 PtyDevice::PtyDevice() {
+  // The destructor does not run for a failed constructor: what is open is closed here.
+  auto check = [this](bool ok, const char* what) {
+    if (!ok) {
+      const int error = errno;
+      closeIfOpen(slave_);
+      closeIfOpen(master_);
+      throw std::system_error(error, std::generic_category(), what);
+    }
+  };
   master_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   check(master_ >= 0, "posix_openpt");
   check(::grantpt(master_) == 0 && ::unlockpt(master_) == 0, "grantpt/unlockpt");
@@ -38,12 +47,8 @@ PtyDevice::PtyDevice() {
 }
 
 PtyDevice::~PtyDevice() {
-  if (slave_ >= 0) {
-    ::close(slave_);
-  }
-  if (master_ >= 0) {
-    ::close(master_);
-  }
+  closeIfOpen(slave_);
+  closeIfOpen(master_);
 }
 
 } // namespace testing

@@ -34,7 +34,12 @@ int hold(const std::string& path) {
 VirtualCable::VirtualCable()
   : hostToDevice_(makeFifo(dir_, "host-to-device")),
     deviceToHost_(makeFifo(dir_, "device-to-host")) {
-  plug();
+  try {
+    plug();
+  } catch (...) {
+    unplug(); // the destructor does not run for a failed constructor
+    throw;
+  }
 }
 
 VirtualCable::~VirtualCable() {
