@@ -5,6 +5,10 @@
 #include <set>
 #include <string>
 
+#include <fcntl.h>
+
+#include <thriftusb/testing/VirtualCable.h>
+
 namespace thriftusb {
 namespace test {
 
@@ -39,6 +43,18 @@ private:
  * @throws std::system_error when it cannot be opened
  */
 UniqueFd openFd(const std::string& path, int flags);
+
+/**
+ * The test's own descriptors facing one end of a virtual cable, both non-blocking:
+ * `in` reads what that end writes, `out` writes what it reads.
+ */
+struct CablePeer {
+  explicit CablePeer(const thriftusb::testing::VirtualCable::End& facing)
+    : in(openFd(facing.writePath, O_RDONLY | O_NONBLOCK)),
+      out(openFd(facing.readPath, O_WRONLY | O_NONBLOCK)) {}
+  UniqueFd in;
+  UniqueFd out;
+};
 
 /** Bound of every wait on a peer's descriptor in the tests. */
 constexpr std::chrono::milliseconds kIoLimit{5000};

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -25,6 +26,18 @@ inline std::set<long> threadIds() {
     ids.insert(std::stol(task.path().filename().string()));
   }
   return ids;
+}
+
+/** Whether some thread of this process is inside system call @p number now. */
+inline bool aThreadIsInSystemCall(long number) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream syscall(task.path() / "syscall");
+    long current = -1;
+    if (syscall >> current && current == number) {
+      return true;
+    }
+  }
+  return false;
 }
 
 /** The threads and descriptors of this process at one moment. */

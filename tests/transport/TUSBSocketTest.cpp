@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <set>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Bounded.h"
+#include "support/Bytes.h"
 #include "support/Expect.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
@@ -22,62 +23,38 @@ using apache::thrift::transport::TTransportException;
 using apache::thrift::transport::TUSBSocket;
 using namespace thriftusb::test;
 using namespace thriftusb::testing;
+using Lines = std::vector<std::string>;
 
 namespace {
 
 constexpr int kBlock = 64;
 const std::string kCloseLine = "usb device close succeed";
-const std::string kOpenLine = "usb device open succeed";
 
-const uint8_t* u8(const std::string& s) {
-  return reinterpret_cast<const uint8_t*>(s.data());
-}
-
-void send(TUSBSocket& socket, const std::string& s) {
-  socket.write(u8(s), static_cast<uint32_t>(s.size()));
-}
-
-// Reads @p len bytes with one call of `read`, which must report all of them.
-std::string receive(TUSBSocket& socket, size_t len) {
-  std::string out(len, '\0');
-  EXPECT_EQ(socket.read(reinterpret_cast<uint8_t*>(&out[0]), static_cast<uint32_t>(len)), len);
-  return out;
-}
-
-// A host-side transport on a virtual cable, opened, with the test's own ends of the
-// FIFOs: `peerIn` reads what the transport writes, `peerOut` writes what it reads.
-// The spy watches the transport's descriptors.
-struct CableHost {
-  explicit CableHost(int block = kBlock)
-    : socket(cable.host().readPath, cable.host().writePath, 0, block) {
-    spy.watch(descriptorsOpenedBy([&] { socket.open(); }));
-    peerIn = openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK);
-    peerOut = openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK);
+// The transport on the host end of a cable, open, its descriptors watched by the spy.
+struct Host {
+  Host() { spy.watch(descriptorsOpenedBy([&] { socket.open(); })); }
+  std::string receive(size_t len) {
+    std::string out(len, '\0');
+    EXPECT_EQ(socket.read(u8(out), static_cast<uint32_t>(len)), len);
+    return out;
   }
-
   VirtualCable cable;
+  CablePeer peer{cable.host()};
   SyscallSpy spy;
-  TUSBSocket socket;
-  UniqueFd peerIn;
-  UniqueFd peerOut;
+  TUSBSocket socket{cable.host().readPath, cable.host().writePath, 0, kBlock};
 };
 
 } // namespace
 
-// ---------------------------------------------------------------------------
-// A transport that is not open
-
-TEST(TUSBSocketClosed, RefusesEveryOperationWithNotOpenAndLogsEveryClose) {
+TEST(TUSBSocketClosed, RefusesEveryTransferWithNotOpenAndLogsEachClose) {
   LogCapture log;
   {
     TUSBSocket socket("/nonexistent/usb", 0, kBlock);
     uint8_t buf[kBlock * 2] = {};
-    EXPECT_FALSE(socket.isOpen());
-    EXPECT_FALSE(socket.peek());
-    EXPECT_FALSE(socket.hasPendingDataToRead());
-    EXPECT_TRUE(throwsTransport([&] { socket.read(buf, 0); }, TTransportException::NOT_OPEN,
+    EXPECT_FALSE(socket.isOpen() || socket.peek() || socket.hasPendingDataToRead());
+    EXPECT_TRUE(throwsTransport([&] { socket.read(buf, 1); }, TTransportException::NOT_OPEN,
                                 "Called read on non-open usb socket"));
-    EXPECT_TRUE(throwsTransport([&] { socket.write(buf, 0); }, TTransportException::NOT_OPEN,
+    EXPECT_TRUE(throwsTransport([&] { socket.write(buf, 1); }, TTransportException::NOT_OPEN,
                                 "Called write on non-open usb socket"));
     // Not open is reported before the length is looked at.
     EXPECT_TRUE(throwsTransport([&] { socket.write_partial(buf, sizeof buf); },
@@ -86,68 +63,34 @@ TEST(TUSBSocketClosed, RefusesEveryOperationWithNotOpenAndLogsEveryClose) {
     EXPECT_TRUE(throwsTransport([&] { socket.flush(); }, TTransportException::NOT_OPEN,
                                 "Called flush on non-open usb socket"));
     socket.close();
-    socket.close();
-  } // the destructor logs the line too; nothing else logged anything
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{kCloseLine, kCloseLine, kCloseLine}));
+  } // the destructor closes too
+  EXPECT_EQ(log.lines(), Lines(2, kCloseLine));
 }
 
-// ---------------------------------------------------------------------------
-// Opening and closing
-
-TEST(TUSBSocketOpen, OneNodeUsesOneSilentReadWriteDescriptorAndReopens) {
+TEST(TUSBSocketOpen, OpensEachNodeExclusivelyOnceAndClosesWhatItOpened) {
   PtyDevice pty;
-  LogCapture log;
-  SyscallSpy spy;
-  TUSBSocket socket(pty.path(), 0, kBlock);
-  const auto before = openDescriptors();
-
-  socket.open();
-  const auto fds = newDescriptors(before, openDescriptors());
-  EXPECT_EQ(accessModes(fds), std::multiset<int>{O_RDWR | O_NONBLOCK});
-  EXPECT_EQ(spy.openFlags(pty.path()), std::vector<int>{O_RDWR | O_EXCL | O_NONBLOCK});
-  EXPECT_TRUE(socket.peek());
-  EXPECT_TRUE(socket.hasPendingDataToRead());
-  socket.open(); // already open: nothing happens
-  EXPECT_EQ(newDescriptors(before, openDescriptors()), fds);
-
-  spy.watch(fds);
-  socket.close();
-  EXPECT_EQ(spy.count(Sys::Close), 1u);
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_FALSE(socket.isOpen());
-  EXPECT_EQ(log.lines(), std::vector<std::string>{kCloseLine}); // the opens logged nothing
-
-  // Opened again, a failed write goes to the new descriptor and logs the write path,
-  // which is empty in this mode.
-  spy.watch(descriptorsOpenedBy([&] { socket.open(); }));
-  log.clear();
-  spy.failNext(Sys::Write, EIO);
-  EXPECT_THROW(socket.write_partial(u8("ping"), 4), TTransportException);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{std::string("TUSBSocket::write_partial() : ") +
-                                                  std::strerror(EIO)});
-}
-
-TEST(TUSBSocketOpen, TwoNodeOpensAReadAndAWriteDescriptorLogsOnceAndReopens) {
   VirtualCable cable;
   LogCapture log;
   SyscallSpy spy;
-  TUSBSocket socket(cable.host().readPath, cable.host().writePath, 0, kBlock);
+  TUSBSocket one(pty.path(), 0, kBlock);
+  TUSBSocket two(cable.host().readPath, cable.host().writePath, 0, kBlock);
   const auto before = openDescriptors();
-
-  for (int round = 0; round < 2; ++round) {
-    socket.open();
-    socket.open();
-    EXPECT_EQ(accessModes(newDescriptors(before, openDescriptors())),
-              (std::multiset<int>{O_RDONLY | O_NONBLOCK, O_WRONLY | O_NONBLOCK}));
-    socket.close();
-    EXPECT_EQ(openDescriptors(), before);
+  for (TUSBSocket* socket : {&one, &two}) {
+    socket->open();
+    socket->open(); // already open: nothing happens
+    EXPECT_TRUE(socket->isOpen() && socket->peek() && socket->hasPendingDataToRead());
   }
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{kOpenLine, kCloseLine, kOpenLine, kCloseLine}));
-  // Exclusive opens, never with O_CREAT: a missing node is an error, not a new file.
-  EXPECT_EQ(spy.openFlags(cable.host().readPath),
-            std::vector<int>(2, O_RDONLY | O_EXCL | O_NONBLOCK));
+  // Never O_CREAT: a missing node is an error, not a new file.
+  EXPECT_EQ(spy.openFlags(pty.path()), std::vector<int>{O_RDWR | O_EXCL | O_NONBLOCK});
+  EXPECT_EQ(spy.openFlags(cable.host().readPath), std::vector<int>{O_RDONLY | O_EXCL | O_NONBLOCK});
   EXPECT_EQ(spy.openFlags(cable.host().writePath),
-            std::vector<int>(2, O_WRONLY | O_EXCL | O_NONBLOCK));
+            std::vector<int>{O_WRONLY | O_EXCL | O_NONBLOCK});
+  one.close();
+  two.close();
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_FALSE(one.isOpen() || two.isOpen());
+  // Only the two-node open logs.
+  EXPECT_EQ(log.lines(), (Lines{"usb device open succeed", kCloseLine, kCloseLine}));
 }
 
 TEST(TUSBSocketOpen, MissingNodesThrowNotOpenAndHoldNothing) {
@@ -155,7 +98,6 @@ TEST(TUSBSocketOpen, MissingNodesThrowNotOpenAndHoldNothing) {
   LogCapture log;
   const std::string missing = cable.directory() + "/missing";
   const auto before = openDescriptors();
-
   TUSBSocket oneNode(missing, 0, kBlock);
   TUSBSocket noReadNode(missing, cable.host().writePath, 0, kBlock);
   // The read node opens, the write node does not: the read node is closed again.
@@ -170,139 +112,127 @@ TEST(TUSBSocketOpen, MissingNodesThrowNotOpenAndHoldNothing) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-// ---------------------------------------------------------------------------
-// Reading
-
-TEST(TUSBSocketRead, ReturnsTheWholeLengthInBlocksOrThrowsAndStaysOpen) {
-  CableHost host;
+TEST(TUSBSocketRead, WaitsForTheWholeLengthInBlocksPollingEveryMillisecond) {
+  Host host;
   Watchdog watchdog;
-  EXPECT_EQ(receive(host.socket, 0), ""); // no system call: every call is checked below
   const std::string message = patternBytes(100);
-  writeAll(host.peerOut.get(), message.substr(0, 30));
+  writeAll(host.peer.out.get(), message.substr(0, 30));
   // The rest comes only once the reader has found the node empty and paused.
   PeerThread peer([&] {
     if (!waitUntil([&] { return host.spy.count(Sys::Usleep) > 0; })) {
       throw std::runtime_error("the reader never paused");
     }
-    writeAll(host.peerOut.get(), message.substr(30) + "next");
+    writeAll(host.peer.out.get(), message.substr(30) + "next");
   });
-  EXPECT_EQ(receive(host.socket, 100), message);
+  EXPECT_EQ(host.receive(100), message);
   peer.join();
-
-  // Every request asked for the smaller of the missing bytes and the block size.
   size_t received = 0;
   for (const auto& call : host.spy.calls()) {
-    if (call.call == Sys::Read) {
+    if (call.call == Sys::Read) { // the smaller of the missing bytes and the block
       EXPECT_EQ(call.length, std::min<size_t>(kBlock, 100 - received));
       received += call.result > 0 ? static_cast<size_t>(call.result) : 0;
-    } else if (call.call == Sys::Usleep) {
-      EXPECT_EQ(call.length, 1000u); // 1 ms between empty polls
+    } else {
+      EXPECT_EQ(call.length, 1000u) << "the pause between empty polls";
     }
   }
-  // Nothing beyond the request was taken from the node.
-  EXPECT_EQ(receive(host.socket, 4), "next");
+  EXPECT_EQ(host.receive(4), "next"); // nothing beyond the request was taken
+}
 
+TEST(TUSBSocketRead, ASystemErrorThrowsAndLogsAndEndOfDataIsATimeOut) {
+  Host host;
   LogCapture log;
   // EINTR is an error like any other here: only EAGAIN means "try again".
   for (int error : {EIO, EINTR}) {
     log.clear();
     host.spy.failNext(Sys::Read, error);
     const std::string text = std::strerror(error);
-    EXPECT_TRUE(throwsTransport([&] { receive(host.socket, 8); }, TTransportException::UNKNOWN,
+    EXPECT_TRUE(throwsTransport([&] { host.receive(8); }, TTransportException::UNKNOWN,
                                 "TUSBSocket::read(): " + text));
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"TUSBSocket::read() " +
-                                                    host.cable.host().readPath + ": " + text});
+    EXPECT_EQ(log.lines(), Lines{"TUSBSocket::read() " + host.cable.host().readPath + ": " + text});
   }
-
-  // End of data is a time-out, even after part of the request has arrived.
+  // End of data, even after part of the request has arrived.
   host.cable.unplug();
-  writeAll(host.peerOut.get(), "partial");
-  host.peerOut.reset(); // the last writer goes: the node now reports end of data
-  EXPECT_TRUE(throwsTransport([&] { receive(host.socket, 20); }, TTransportException::TIMED_OUT,
+  writeAll(host.peer.out.get(), "partial");
+  host.peer.out.reset();
+  EXPECT_TRUE(throwsTransport([&] { host.receive(20); }, TTransportException::TIMED_OUT,
                               "recv timeout expired"));
   EXPECT_TRUE(host.socket.isOpen());
 }
 
-// ---------------------------------------------------------------------------
-// Writing and flushing
-
-TEST(TUSBSocketWrite, CutsDataIntoBlocksRetriesABusyNodeAtOnceAndAlwaysSynchronises) {
-  CableHost host;
-  host.spy.failNext(Sys::Fsync, EIO, 2); // results that write and flush ignore
-  send(host.socket, "");                 // writes nothing, still synchronises
+TEST(TUSBSocketWrite, CutsDataIntoBlocksRetriesABusyNodeAtOnceAndSynchronises) {
+  Host host;
+  host.spy.failNext(Sys::Fsync, EIO); // a result that write ignores
   host.spy.failNext(Sys::Write, EAGAIN, 3);
   const std::string message = patternBytes(150, 7);
-  send(host.socket, message);
-  EXPECT_EQ(readExactly(host.peerIn.get(), message.size()), message);
+  host.socket.write(u8(message), static_cast<uint32_t>(message.size()));
+  EXPECT_EQ(readExactly(host.peer.in.get(), message.size()), message);
   EXPECT_EQ(host.spy.lengths(Sys::Write), (std::vector<size_t>{64, 64, 64, 64, 64, 22}));
   EXPECT_EQ(host.spy.count(Sys::Usleep), 0u);
-  ASSERT_EQ(host.spy.count(Sys::Fsync), 2u);
   EXPECT_EQ(host.spy.calls().back().call, Sys::Fsync);
-
   host.spy.clearCalls();
-  host.spy.failNext(Sys::Fsync, EIO);
-  EXPECT_NO_THROW(host.socket.flush());
-  const auto calls = host.spy.calls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].call, Sys::Fsync);
-  EXPECT_EQ(statusFlags(calls[0].fd) & O_ACCMODE, O_WRONLY);
+  host.socket.flush();
+  ASSERT_EQ(host.spy.calls().size(), 1u);
+  EXPECT_EQ(host.spy.calls()[0].call, Sys::Fsync);
 }
 
-TEST(TUSBSocketWritePartial, TakesUpToOneBlockAndReportsEachOutcomeOfItsOneSystemCall) {
-  CableHost host;
+// write_partial: one system call of at most one block, each outcome of it.
+struct PartialCase {
+  const char* name;
+  std::function<void(SyscallSpy&)> script;
+  uint32_t len;
+  uint32_t result; // when nothing is thrown
+  TTransportException::TTransportExceptionType type;
+  std::string message; // empty: nothing thrown
+};
+
+class TUSBSocketWritePartial : public ::testing::TestWithParam<PartialCase> {};
+
+TEST_P(TUSBSocketWritePartial, ReportsTheOutcomeOfItsOneSystemCall) {
+  const PartialCase& c = GetParam();
+  Host host;
   LogCapture log;
-  const std::string data = patternBytes(100);
-  EXPECT_EQ(host.socket.write_partial(u8(data), kBlock), static_cast<uint32_t>(kBlock));
-  EXPECT_TRUE(throwsTransport([&] { host.socket.write_partial(u8(data), kBlock + 1); },
-                              TTransportException::BAD_ARGS,
-                              "Buffer length must be less than 64"));
-  host.spy.failNext(Sys::Write, EAGAIN);
-  EXPECT_EQ(host.socket.write_partial(u8(data), 8), 0u);
-  host.spy.returnNext(Sys::Write, 0);
-  EXPECT_TRUE(throwsTransport([&] { host.socket.write_partial(u8(data), 8); },
-                              TTransportException::NOT_OPEN, "Usb socket send returned 0."));
-  EXPECT_EQ(host.spy.lengths(Sys::Write), (std::vector<size_t>{kBlock, 8, 8}));
-
-  // A system error, here in the second block of a write, also ends that write.
-  host.spy.returnNext(Sys::Write, 64);
-  host.spy.failNext(Sys::Write, EIO);
-  const std::string text = std::strerror(EIO);
-  EXPECT_TRUE(throwsTransport([&] { send(host.socket, data); }, TTransportException::UNKNOWN,
-                              "TUSBSocket::write_partial() : " + text));
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"TUSBSocket::write_partial() " +
-                                                  host.cable.host().writePath + ": " + text});
-  EXPECT_EQ(host.spy.count(Sys::Fsync), 0u); // neither write_partial nor the failed write
+  c.script(host.spy);
+  const std::string data = patternBytes(kBlock + 1);
+  if (c.message.empty()) {
+    EXPECT_EQ(host.socket.write_partial(u8(data), c.len), c.result);
+  } else {
+    EXPECT_TRUE(throwsTransport([&] { host.socket.write_partial(u8(data), c.len); }, c.type,
+                                c.message));
+  }
+  EXPECT_EQ(host.spy.count(Sys::Write), c.len > kBlock ? 0u : 1u);
+  EXPECT_EQ(host.spy.count(Sys::Fsync), 0u);
   EXPECT_TRUE(host.socket.isOpen());
+  const Lines logged = {"TUSBSocket::write_partial() " + host.cable.host().writePath + ": " +
+                        std::strerror(EIO)};
+  EXPECT_EQ(log.lines(), c.message.rfind("TUSBSocket", 0) == 0 ? logged : Lines{});
 }
 
-// ---------------------------------------------------------------------------
-// Block size 0 and the shared lock
-
-TEST(TUSBSocketBlockSize, ZeroMakesEveryNonEmptyTransferFail) {
-  CableHost host(0);
-  writeAll(host.peerOut.get(), "12345");
-  EXPECT_TRUE(throwsTransport([&] { receive(host.socket, 5); }, TTransportException::TIMED_OUT,
-                              "recv timeout expired"));
-  EXPECT_TRUE(throwsTransport([&] { send(host.socket, "12345"); }, TTransportException::NOT_OPEN,
-                              "Usb socket send returned 0."));
-  EXPECT_EQ(host.spy.lengths(Sys::Read), std::vector<size_t>{0});
-  EXPECT_EQ(host.spy.lengths(Sys::Write), std::vector<size_t>{0});
-}
+INSTANTIATE_TEST_SUITE_P(
+    Outcomes, TUSBSocketWritePartial,
+    ::testing::Values(
+        PartialCase{"whole_block", [](SyscallSpy&) {}, kBlock, kBlock, {}, ""},
+        PartialCase{"over_a_block", [](SyscallSpy&) {}, kBlock + 1, 0,
+                    TTransportException::BAD_ARGS, "Buffer length must be less than 64"},
+        PartialCase{"busy", [](SyscallSpy& s) { s.failNext(Sys::Write, EAGAIN); }, 8, 0, {}, ""},
+        PartialCase{"zero", [](SyscallSpy& s) { s.returnNext(Sys::Write, 0); }, 8, 0,
+                    TTransportException::NOT_OPEN, "Usb socket send returned 0."},
+        PartialCase{"error", [](SyscallSpy& s) { s.failNext(Sys::Write, EIO); }, 8, 0,
+                    TTransportException::UNKNOWN,
+                    std::string("TUSBSocket::write_partial() : ") + std::strerror(EIO)}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(TUSBSocketLocking, AWriteWaitsForAPendingReadOfAnotherThread) {
-  CableHost host;
+  Host host;
   Watchdog watchdog;
   std::string in;
-  PeerThread reader([&] { in = receive(host.socket, 4); });
+  PeerThread reader([&] { in = host.receive(4); });
   ASSERT_TRUE(waitUntil([&] { return host.spy.count(Sys::Usleep) > 0; }));
-
-  PeerThread writer([&] { send(host.socket, "reply"); });
+  PeerThread writer([&] { host.socket.write(u8("reply"), 5); });
   EXPECT_FALSE(writer.waitFor(std::chrono::milliseconds(200)));
   EXPECT_EQ(host.spy.count(Sys::Write), 0u);
-
-  writeAll(host.peerOut.get(), "ping");
+  writeAll(host.peer.out.get(), "ping");
   reader.join();
   writer.join();
   EXPECT_EQ(in, "ping");
-  EXPECT_EQ(readExactly(host.peerIn.get(), 5), "reply");
+  EXPECT_EQ(readExactly(host.peer.in.get(), 5), "reply");
 }

@@ -19,6 +19,7 @@
 using apache::thrift::transport::TUsbDevice;
 using namespace thriftusb::test;
 using namespace thriftusb::testing;
+using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -31,54 +32,35 @@ std::string failed(const std::string& call, int error) {
 
 } // namespace
 
-// ---------------------------------------------------------------------------
-// Opening and closing
+class TUsbDeviceModes : public ::testing::TestWithParam<bool> {};
 
-class TUsbDeviceModes : public ::testing::TestWithParam<bool> {
-protected:
+TEST_P(TUsbDeviceModes, OpensOneOrTwoNodesInTheModeLogsThemAndClosesThem) {
   const int nonblock = GetParam() ? O_NONBLOCK : 0;
-};
-
-TEST_P(TUsbDeviceModes, OneNodeOpensOneReadWriteDescriptorAndClosesItOnce) {
   PtyDevice pty;
-  LogCapture log;
-  SyscallSpy spy;
-  TUsbDevice device(pty.path(), GetParam(), kBlock, kBlock);
-  const auto before = openDescriptors();
-
-  ASSERT_EQ(device.open(), 0);
-  const auto fds = newDescriptors(before, openDescriptors());
-  ASSERT_EQ(accessModes(fds), std::multiset<int>{O_RDWR | nonblock});
-  EXPECT_TRUE(device.isOpen());
-  EXPECT_EQ(device.open(), 0); // already open: nothing happens
-  EXPECT_EQ(newDescriptors(before, openDescriptors()), fds);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"1 channel: " + pty.path()});
-
-  spy.watch(fds);
-  EXPECT_EQ(device.flush(), -1); // a terminal cannot be synchronised: fsync's result comes back
-  EXPECT_EQ(device.close(), 0);
-  EXPECT_EQ(spy.count(Sys::Close), 1u);
-  EXPECT_EQ(spy.count(Sys::Fsync), 1u); // on the one descriptor, the only one watched
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_FALSE(device.isOpen());
-  EXPECT_EQ(device.close(), 0);
-}
-
-TEST_P(TUsbDeviceModes, TwoNodeOpensReadAndWriteDescriptorsAndCanReopen) {
   VirtualCable cable;
   LogCapture log;
-  TUsbDevice device(cable.host().readPath, cable.host().writePath, GetParam(), kBlock, kBlock);
+  TUsbDevice one(pty.path(), GetParam(), kBlock, kBlock);
+  TUsbDevice two(cable.host().readPath, cable.host().writePath, GetParam(), kBlock, kBlock);
   const auto before = openDescriptors();
-
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_EQ(device.open(), 0);
-    EXPECT_EQ(accessModes(newDescriptors(before, openDescriptors())),
-              (std::multiset<int>{O_RDONLY | nonblock, O_WRONLY | nonblock}));
-    EXPECT_EQ(device.close(), 0);
-    EXPECT_EQ(openDescriptors(), before);
+  ASSERT_EQ(one.open(), 0);
+  EXPECT_EQ(one.open(), 0); // already open: nothing happens
+  EXPECT_EQ(accessModes(newDescriptors(before, openDescriptors())),
+            std::multiset<int>{O_RDWR | nonblock});
+  const auto withOne = openDescriptors();
+  ASSERT_EQ(two.open(), 0);
+  EXPECT_EQ(accessModes(newDescriptors(withOne, openDescriptors())),
+            (std::multiset<int>{O_RDONLY | nonblock, O_WRONLY | nonblock}));
+  EXPECT_TRUE(one.isOpen() && two.isOpen());
+  EXPECT_EQ(one.flush(), -1); // a terminal cannot be synchronised: fsync's result comes back
+  for (TUsbDevice* device : {&one, &two}) {
+    EXPECT_EQ(device->close(), 0);
+    EXPECT_EQ(device->close(), 0);
+    EXPECT_FALSE(device->isOpen());
   }
-  const std::string line = "2 channels: " + cable.host().readPath + " " + cable.host().writePath;
-  EXPECT_EQ(log.lines(), (std::vector<std::string>{line, line}));
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(log.lines(), (Lines{"1 channel: " + pty.path(), "2 channels: " +
+                                                               cable.host().readPath + " " +
+                                                               cable.host().writePath}));
 }
 
 INSTANTIATE_TEST_SUITE_P(BlockingAndNonBlocking, TUsbDeviceModes, ::testing::Bool());
@@ -86,9 +68,9 @@ INSTANTIATE_TEST_SUITE_P(BlockingAndNonBlocking, TUsbDeviceModes, ::testing::Boo
 TEST(TUsbDeviceOpen, FailsWithoutLoggingAndHoldsNothing) {
   VirtualCable cable;
   LogCapture log;
+  SyscallSpy spy;
   const std::string missing = cable.directory() + "/missing";
   const auto before = openDescriptors();
-
   // An empty one-node path counts as two-node mode with both paths missing.
   TUsbDevice emptyPath("", true, kBlock, kBlock);
   TUsbDevice noReadPath("", cable.host().writePath, true, kBlock, kBlock);
@@ -96,81 +78,84 @@ TEST(TUsbDeviceOpen, FailsWithoutLoggingAndHoldsNothing) {
   TUsbDevice missingReadNode(missing, cable.host().writePath, true, kBlock, kBlock);
   // The read node opens, the write node does not: the read node is closed again.
   TUsbDevice missingWriteNode(cable.host().readPath, missing, true, kBlock, kBlock);
-
-  for (TUsbDevice* device :
-       {&emptyPath, &noReadPath, &missingNode, &missingReadNode, &missingWriteNode}) {
+  // Refused before the read node is opened: a blocking open of a FIFO would wait there.
+  TUsbDevice noWritePath(cable.device().readPath, "", false, kBlock, kBlock);
+  for (TUsbDevice* device : {&emptyPath, &noReadPath, &missingNode, &missingReadNode,
+                             &missingWriteNode, &noWritePath}) {
     EXPECT_EQ(device->open(), -1);
     EXPECT_FALSE(device->isOpen());
     EXPECT_EQ(openDescriptors(), before);
   }
   EXPECT_TRUE(log.lines().empty());
-
-  // A missing write path is refused before the read node is opened: a blocking open
-  // of a FIFO would wait there for a writer.
-  SyscallSpy spy;
-  TUsbDevice noWritePath(cable.host().readPath, "", false, kBlock, kBlock);
-  EXPECT_EQ(noWritePath.open(), -1);
-  EXPECT_TRUE(spy.openFlags(cable.host().readPath).empty());
+  EXPECT_TRUE(spy.openFlags(cable.device().readPath).empty());
 }
 
-// ---------------------------------------------------------------------------
-// Reading, writing and flushing
+// One transfer on an open non-blocking channel: one system call (none for a refused
+// length), nothing retried, failures logged except EAGAIN, EINTR reported as 0.
+struct TransferCase {
+  const char* name;
+  bool read;
+  unsigned len;
+  int error; // the system call fails with it; 0: it runs
+  int64_t result;
+};
 
-TEST(TUsbDeviceTransfer, OneSystemCallUpToTheBlockSizeWithTheResultConventions) {
-  // A non-blocking channel on a virtual cable; the test reads what it writes from
-  // `peerIn` and writes what it reads to `peerOut`.
+class TUsbDeviceTransfer : public ::testing::TestWithParam<TransferCase> {};
+
+TEST_P(TUsbDeviceTransfer, OneSystemCallUpToTheBlockSize) {
+  const TransferCase& c = GetParam();
+  VirtualCable cable;
+  CablePeer peer(cable.host());
+  SyscallSpy spy;
+  TUsbDevice device(cable.host().readPath, cable.host().writePath, true, kBlock, kBlock);
+  spy.watch(descriptorsOpenedBy([&] { EXPECT_EQ(device.open(), 0); }));
+  LogCapture log;
+  writeAll(peer.out.get(), "short");
+  if (c.error != 0) {
+    spy.failNext(c.read ? Sys::Read : Sys::Write, c.error);
+  }
+  std::vector<unsigned char> buf(kBlock + 1, 'x');
+  EXPECT_EQ(c.read ? device.read(buf.data(), c.len) : device.write(buf.data(), c.len), c.result);
+  EXPECT_EQ(spy.lengths(c.read ? Sys::Read : Sys::Write),
+            c.len > kBlock ? std::vector<size_t>{} : std::vector<size_t>{c.len});
+  const bool logged = c.error != 0 && c.error != EAGAIN;
+  EXPECT_EQ(log.lines(), logged ? Lines{failed(c.read ? "read" : "write", c.error)} : Lines{});
+  if (c.result > 0) {
+    EXPECT_EQ(c.read ? std::string(buf.begin(), buf.begin() + c.result)
+                     : readExactly(peer.in.get(), static_cast<size_t>(c.result)),
+              c.read ? "short" : std::string(c.len, 'x'));
+  }
+  EXPECT_TRUE(device.isOpen());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Outcomes, TUsbDeviceTransfer,
+    ::testing::Values(TransferCase{"read_data", true, kBlock, 0, 5},
+                      TransferCase{"read_over_a_block", true, kBlock + 1, 0, -1},
+                      TransferCase{"read_idle", true, kBlock, EAGAIN, 0},
+                      TransferCase{"read_interrupted", true, 4, EINTR, 0},
+                      TransferCase{"read_error", true, 4, EIO, -1},
+                      TransferCase{"write_block", false, kBlock, 0, kBlock},
+                      TransferCase{"write_over_a_block", false, kBlock + 1, 0, -1},
+                      TransferCase{"write_busy", false, 4, EAGAIN, 0},
+                      TransferCase{"write_interrupted", false, 4, EINTR, 0},
+                      TransferCase{"write_error", false, 4, EIO, -1}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(TUsbDeviceFlush, ReturnsTheWriteNodesSyncAndAClosedChannelsReadFails) {
   VirtualCable cable;
   SyscallSpy spy;
   TUsbDevice device(cable.host().readPath, cable.host().writePath, true, kBlock, kBlock);
   spy.watch(descriptorsOpenedBy([&] { EXPECT_EQ(device.open(), 0); }));
-  const auto peerIn = openFd(cable.device().readPath, O_RDONLY | O_NONBLOCK);
-  const auto peerOut = openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK);
-  LogCapture log;
-  std::vector<unsigned char> buf(kBlock + 1, 'x');
-
-  EXPECT_EQ(device.read(buf.data(), kBlock), 0); // no data yet: silently "try again"
-  EXPECT_EQ(device.write(buf.data(), kBlock + 1), -1);
-  EXPECT_EQ(device.read(buf.data(), kBlock + 1), -1);
-  EXPECT_EQ(device.write(buf.data(), kBlock), static_cast<int64_t>(kBlock));
-  EXPECT_EQ(readExactly(peerIn.get(), kBlock), std::string(kBlock, 'x'));
-  writeAll(peerOut.get(), "short");
-  EXPECT_EQ(device.read(buf.data(), kBlock), 5);
-  EXPECT_EQ(std::string(buf.begin(), buf.begin() + 5), "short");
-  spy.failNext(Sys::Write, EAGAIN);
-  EXPECT_EQ(device.write(buf.data(), 5), 0);
-
-  // Failed calls are logged (checked at the end); interrupted ones give 0, the others -1.
-  spy.failNext(Sys::Write, EINTR);
-  EXPECT_EQ(device.write(buf.data(), 4), 0);
-  spy.failNext(Sys::Write, EIO);
-  EXPECT_EQ(device.write(buf.data(), 3), -1);
-  spy.failNext(Sys::Read, EINTR);
-  EXPECT_EQ(device.read(buf.data(), 4), 0);
-  spy.failNext(Sys::Read, EIO);
-  EXPECT_EQ(device.read(buf.data(), 3), -1);
-  // One system call each, none for the refused lengths: nothing is retried.
-  EXPECT_EQ(spy.lengths(Sys::Read), (std::vector<size_t>{kBlock, kBlock, 4, 3}));
-  EXPECT_EQ(spy.lengths(Sys::Write), (std::vector<size_t>{kBlock, 5, 4, 3}));
-
-  // Flush synchronises the write node and returns the result.
-  spy.clearCalls();
   EXPECT_EQ(device.flush(), -1); // a FIFO cannot be synchronised
   spy.returnNext(Sys::Fsync, 0);
   EXPECT_EQ(device.flush(), 0);
-  const auto calls = spy.calls();
-  ASSERT_EQ(calls.size(), 2u);
-  for (const auto& call : calls) {
-    EXPECT_EQ(call.call, Sys::Fsync);
+  for (const auto& call : spy.calls()) {
     EXPECT_EQ(statusFlags(call.fd) & O_ACCMODE, O_WRONLY);
   }
-
-  // No failure closed the channel; once closed, the read system call itself fails.
-  EXPECT_TRUE(device.isOpen());
   EXPECT_EQ(device.close(), 0);
-  EXPECT_EQ(device.read(buf.data(), 4), -1);
-  // Nothing else was logged: not the idle read, the refused lengths, EAGAIN or flush.
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{failed("write", EINTR), failed("write", EIO),
-                                      failed("read", EINTR), failed("read", EIO),
-                                      failed("read", EBADF)}));
+  LogCapture log;
+  unsigned char buf[4];
+  EXPECT_EQ(device.read(buf, 4), -1); // the system call itself fails
+  EXPECT_EQ(log.lines(), Lines{failed("read", EBADF)});
 }
