@@ -1,16 +1,12 @@
 // TLibusbDevice with the real libusb against devices emulated by umockdev: the
 // device and interface searches, opening and its failures, and the outcomes of bulk
 // and control transfers as the device answers them.
-
 #include <thriftusb/transport/TLibusbDevice.h>
 #include <thriftusb/testing/EmulatedUsbBus.h>
 
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
-#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -36,11 +32,9 @@ constexpr uint16_t kVendor = 0x1209;
 constexpr uint16_t kProduct = 0x0010;
 constexpr unsigned kBlock = 16;
 constexpr unsigned kTimeoutMs = 50;
-// The emulation sees a closed descriptor, and closes its end, within milliseconds.
-constexpr std::chrono::seconds kCloseLimit{2};
-
 const Reply kStall{"", -EPIPE};
 const std::string kReadPipe = "*** TLibusbDevice read  pipe error";
+const std::string kWritePipe = "*** TLibusbDevice write  pipe error";
 
 SettingInfo vendorSetting(uint8_t interface, std::vector<EndpointInfo> endpoints,
                           uint8_t alternate = 0) {
@@ -59,30 +53,18 @@ std::unique_ptr<TLibusbDevice> channel(uint16_t product, const char* serial = ""
                                          readTimeout, kTimeoutMs, kBlock, kBlock, ownContext);
 }
 
+// The emulation sees a closed descriptor, and closes its end, within milliseconds.
 bool closedAgain(const EmulatedUsbDevice& device) {
-  return waitUntil([&] { return device.observed().openHandles == 0; }, kCloseLimit);
+  return waitUntil([&] { return device.observed().openHandles == 0; }, std::chrono::seconds(2));
 }
 
-// The descriptors that @p run leaves open (and what they are), once the emulation's
-// ends are closed too.
+// Whether every descriptor @p run opens is closed again (the emulation's ends too).
 template <typename Run>
-std::set<std::string> leftOpenBy(Run&& run) {
+bool leavesNothingOpen(Run&& run) {
   const auto before = openDescriptors();
   run();
-  std::set<int> left;
-  waitUntil([&] { return (left = newDescriptors(before, openDescriptors())).empty(); },
-            kCloseLimit);
-  std::set<std::string> named;
-  for (int fd : left) {
-    std::error_code error;
-    const auto path = "/proc/self/fd/" + std::to_string(fd);
-    named.insert(path + " -> " + std::filesystem::read_symlink(path, error).string());
-  }
-  return named;
-}
-
-std::string text(const unsigned char* bytes, int64_t count) {
-  return std::string(reinterpret_cast<const char*>(bytes), count > 0 ? count : 0);
+  return waitUntil([&] { return newDescriptors(before, openDescriptors()).empty(); },
+                   std::chrono::seconds(2));
 }
 
 class LibusbBus : public ::testing::Test {
@@ -98,118 +80,70 @@ protected:
   void SetUp() override {
     device_ = &bus_.add(gadget(kProduct));
     bus_.initDefaultContext();
-  }
-
-  TLibusbDevice& open(unsigned readTimeout = kTimeoutMs) {
-    channel_ = channel(kProduct, "", readTimeout);
-    EXPECT_EQ(channel_->open(), 0);
+    channel_ = channel(kProduct);
+    ASSERT_EQ(channel_->open(), 0);
     log_.clear();
-    return *channel_;
   }
-
   EmulatedUsbDevice* device_ = nullptr;
   std::unique_ptr<TLibusbDevice> channel_;
 };
 
 } // namespace
 
-// ---------------------------------------------------------------------------
-// Finding the device and the interface
-
-TEST_F(LibusbBus, SerialFilterIsACaseSensitiveSubstringOfTheSerialNumber) {
-  bus_.add(gadget(1, "XXABYY"));
-  bus_.add(gadget(2, "ab"));
-  bus_.add(gadget(3));  // no serial number string
+TEST_F(LibusbBus, SerialFilterIsACaseSensitiveSubstringAndRejectedDevicesAreClosed) {
+  EmulatedUsbDevice& lower = bus_.add(gadget(1, "XX-ab-1"));
+  bus_.add(gadget(1, "XX-AB-2"));
+  bus_.add(gadget(3)); // no serial number string
   bus_.initDefaultContext();
-  const std::string tooLong(300, 'A');
-  struct Case {
+  const struct {
     uint16_t product;
     const char* filter;
     bool found;
-  } cases[] = {
-      {1, "AB", true},  {2, "AB", false}, {2, "ab", true},      {3, "", true},
-      {3, "AB", false}, {1, "", true},    {1, nullptr, true},  {1, tooLong.c_str(), false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE("product " + std::to_string(c.product) + ", filter " +
-                 (c.filter ? std::string(c.filter).substr(0, 8) : "null"));
+  } cases[] = {{1, "AB", true}, {1, "aB", false}, {1, nullptr, true}, {3, "", true}, {3, "A", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.filter ? c.filter : "null");
     log_.clear();
     auto ch = channel(c.product, c.filter);
     EXPECT_EQ(ch->open(), c.found ? 0 : -1);
     EXPECT_EQ(ch->isOpen(), c.found);
     EXPECT_EQ(log_.lines(), c.found ? Lines{} : Lines{"*** get_device_descriptor failed!"});
   }
-  // Without a serial number argument (and without a protocol: any).
-  TLibusbDevice any(kVendor, 3, 0xff, 0x01, false, kTimeoutMs, kTimeoutMs, kBlock, kBlock, false);
-  EXPECT_EQ(any.open(), 0);
-}
-
-TEST_F(LibusbBus, FirstMatchInLibusbOrderWinsAfterRejectedDevicesWereOpenedAndClosed) {
-  EmulatedUsbDevice* devices[] = {&bus_.add(gadget(kProduct, "serial")),
-                                  &bus_.add(gadget(kProduct, "serial"))};
-  bus_.initDefaultContext();
-  // libusb's order is not the order of plugging in: ask libusb.
-  libusb_device** list = nullptr;
-  ASSERT_GT(libusb_get_device_list(nullptr, &list), 0);
-  std::vector<EmulatedUsbDevice*> order;
-  for (int i = 0; list[i] != nullptr; ++i) {
-    for (EmulatedUsbDevice* d : devices) {
-      if (d->address() == libusb_get_device_address(list[i])) {
-        order.push_back(d);
-      }
-    }
-  }
-  libusb_free_device_list(list, 1);
-  ASSERT_EQ(order.size(), 2u);
-  order[0]->setSerial("XX-ab-1");
-  order[1]->setSerial("XX-AB-2");
+  auto ch = channel(1, "AB");
   const unsigned char byte = '!';
-
-  auto both = channel(kProduct, "XX-");
-  ASSERT_EQ(both->open(), 0);
-  EXPECT_EQ(both->write(&byte, 1), 1);
-  both->close();
-  EXPECT_EQ(order[0]->observed().out, "!") << "both match: the first in libusb's order wins";
-
-  const int opens = order[0]->observed().opens;
-  auto second = channel(kProduct, "AB");
-  ASSERT_EQ(second->open(), 0);
-  EXPECT_EQ(second->write(&byte, 1), 1);
-  EXPECT_EQ(order[1]->observed().out, "!");
-  EXPECT_EQ(order[0]->observed().opens, opens + 1) << "the rejected device was not examined";
-  EXPECT_TRUE(closedAgain(*order[0])) << "the rejected device was left open";
+  ASSERT_EQ(ch->open(), 0);
+  EXPECT_EQ(ch->write(&byte, 1), 1);
+  EXPECT_EQ(lower.observed().out, "");
+  EXPECT_TRUE(closedAgain(lower)) << "the rejected device was left open";
 }
 
 TEST_F(LibusbBus, InterfaceSearchTakesTheFirstSettingWithBulkInAndOutAndSelectsNothing) {
-  std::map<uint16_t, EmulatedUsbDevice*> devices = {
-      {0x10, &bus_.add(gadget(0x10))},
+  EmulatedUsbDevice* devices[] = {
+      &bus_.add(gadget(0x10)),
       // A setting with bulk IN but an interrupt OUT, then a complete one.
-      {0x11, &bus_.add(gadget(0x11, "", {{vendorSetting(0, {{0x81}, {0x01, 3}}),
-                                          vendorSetting(1, {{0x83}, {0x04}})}}))},
-      {0x12, &bus_.add(gadget(0x12, "", {{vendorSetting(0, {{0x81}, {0x83}, {0x02}})}}))},
+      &bus_.add(gadget(0x11, "", {{vendorSetting(0, {{0x81}, {0x01, 3}}),
+                                   vendorSetting(1, {{0x83}, {0x04}})}})),
+      &bus_.add(gadget(0x12, "", {{vendorSetting(0, {{0x81}, {0x83}, {0x02}})}})),
       // Mass storage in the active configuration, the wanted interface in the second.
-      {0x13, &bus_.add(gadget(0x13, "", {{{0, 0, 0x08, 0x06, 0x50, {{0x81}, {0x02}}}},
-                                         {vendorSetting(2, {{0x85}, {0x06}})}}))},
+      &bus_.add(gadget(0x13, "", {{{0, 0, 0x08, 0x06, 0x50, {{0x81}, {0x02}}}},
+                                  {vendorSetting(2, {{0x85}, {0x06}})}})),
       // Alternate setting 0 without endpoints, 1 with them.
-      {0x14, &bus_.add(gadget(0x14, "", {{vendorSetting(0, {}),
-                                          vendorSetting(0, {{0x87}, {0x08}}, 1)}}))},
+      &bus_.add(gadget(0x14, "", {{vendorSetting(0, {}), vendorSetting(0, {{0x87}, {0x08}}, 1)}})),
   };
   bus_.initDefaultContext();
-  struct Case {
+  const struct {
     uint16_t product, cls, subClass, protocol;
-    int interface;  // -1: none matches
+    int interface; // -1: none matches
     uint8_t in, out;
   } cases[] = {
-      {0x10, 0x1ff, 0x01, 0x42, 0, 0x81, 0x02},  // only the low bytes are compared
-      {0x10, 0xff, 0x101, 0x00, 0, 0x81, 0x02},  // protocol 0 accepts any
-      {0x10, 0xff, 0x01, 0x43, -1, 0, 0},        {0x10, 0xfe, 0x01, 0x00, -1, 0, 0},
-      {0x11, 0xff, 0x01, 0x42, 1, 0x83, 0x04},   {0x12, 0xff, 0x01, 0x42, 0, 0x83, 0x02},
-      {0x13, 0xff, 0x01, 0x42, 2, 0x85, 0x06},   {0x14, 0xff, 0x01, 0x42, 0, 0x87, 0x08},
+      {0x10, 0x1ff, 0x01, 0x42, 0, 0x81, 0x02}, // only the low bytes are compared
+      {0x10, 0xff, 0x101, 0x00, 0, 0x81, 0x02}, // protocol 0 accepts any
+      {0x10, 0xff, 0x01, 0x43, -1, 0, 0},       {0x10, 0xfe, 0x01, 0x00, -1, 0, 0},
+      {0x11, 0xff, 0x01, 0x42, 1, 0x83, 0x04},  {0x12, 0xff, 0x01, 0x42, 0, 0x83, 0x02},
+      {0x13, 0xff, 0x01, 0x42, 2, 0x85, 0x06},  {0x14, 0xff, 0x01, 0x42, 0, 0x87, 0x08},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE("product " + std::to_string(c.product) + ", class " + std::to_string(c.cls) +
-                 ", protocol " + std::to_string(c.protocol));
-    EmulatedUsbDevice& device = *devices.at(c.product);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.product) + " " + std::to_string(c.cls));
+    EmulatedUsbDevice& device = *devices[c.product - 0x10];
     log_.clear();
     TLibusbDevice ch(kVendor, c.product, c.cls, c.subClass, c.protocol, false, kTimeoutMs,
                      kTimeoutMs, kBlock, kBlock, false);
@@ -232,28 +166,23 @@ TEST_F(LibusbBus, InterfaceSearchTakesTheFirstSettingWithBulkInAndOutAndSelectsN
     EXPECT_EQ(after.urbs[c.out] - before.urbs[c.out], 1);
     EXPECT_EQ(after.urbs[c.in] - before.urbs[c.in], 1);
     EXPECT_EQ(after.ioctls[USBDEVFS_SETCONFIGURATION] + after.ioctls[USBDEVFS_SETINTERFACE], 0);
-    EXPECT_EQ(after.ioctls[USBDEVFS_RELEASEINTERFACE] - before.ioctls[USBDEVFS_RELEASEINTERFACE],
-              1);
+    EXPECT_TRUE(after.claimed.empty());
   }
 }
 
-// ---------------------------------------------------------------------------
-// Opening: kernel driver, claim, context
-
 TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen) {
-  struct Case {
+  const struct {
     const char* name;
     bool driver;
-    unsigned long request;  // fails with `error`
+    unsigned long request; // fails with `error`
     int error;
-    const char* line;  // null: open succeeds
+    const char* line; // null: open succeeds
   } cases[] = {
       {"no driver", false, 0, 0, nullptr},
       {"driver bound", true, 0, 0, nullptr},
       // No driver support: a detach would fail, so the claim must follow at once.
       {"driver query fails", false, USBDEVFS_GETDRIVER, EIO, nullptr},
-      {"detach fails", true, USBDEVFS_IOCTL, EPERM,
-       "*** libusb_detach_kernel_driver failed! rv:-99"},
+      {"detach fails", true, USBDEVFS_IOCTL, EPERM, "*** libusb_detach_kernel_driver failed! rv:-99"},
       {"claim fails", false, USBDEVFS_CLAIMINTERFACE, EBUSY,
        "*** libusb_claim_interface failed! rv:-6"},
   };
@@ -267,7 +196,7 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
   ASSERT_EQ(first->open(), 0);
   first->close();
   for (uint16_t product = 0; product < 5; ++product) {
-    const Case& c = cases[product];
+    const auto& c = cases[product];
     SCOPED_TRACE(c.name);
     EmulatedUsbDevice& device = *devices[product];
     device.setKernelDriver(c.driver);
@@ -275,15 +204,13 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
     log_.clear();
     auto ch = channel(product, "", kTimeoutMs, true);
     if (c.line != nullptr) {
-      EXPECT_EQ(leftOpenBy([&] { EXPECT_EQ(ch->open(), -1); }), std::set<std::string>{});
+      EXPECT_TRUE(leavesNothingOpen([&] { EXPECT_EQ(ch->open(), -1); }));
       EXPECT_EQ(log_.lines(), Lines{c.line});
-      EXPECT_FALSE(ch->isOpen());
-      device.failIoctl(c.request, 0);  // the second open starts afresh
+      device.failIoctl(c.request, 0); // the second open starts afresh
     }
     const int detaches = device.observed().ioctls[USBDEVFS_IOCTL];
     ASSERT_EQ(ch->open(), 0);
     EXPECT_EQ(device.observed().ioctls[USBDEVFS_IOCTL] - detaches, c.driver ? 1 : 0);
-    EXPECT_EQ(device.observed().opens, c.line ? 2 : 1);
     ch->close();
     EXPECT_FALSE(device.observed().kernelDriver) << "a detached driver is not attached again";
   }
@@ -292,108 +219,88 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
 TEST(LibusbOwnContext, OpenCreatesTheContextAndCloseOrAFailedOpenEndsIt) {
   Watchdog watchdog;
   LogCapture log;
-  EmulatedUsbBus bus;  // libusb's default context is never initialised here
+  EmulatedUsbBus bus; // libusb's default context is never initialised here
   bus.add(gadget(kProduct));
   auto absent = channel(kProduct + 1, "", kTimeoutMs, true);
-  EXPECT_EQ(absent->open(), -1);
-  EXPECT_EQ(log.lines(), Lines{"*** get_device_descriptor failed!"});
-
   auto ch = channel(kProduct, "", kTimeoutMs, true);
-  ASSERT_EQ(ch->open(), 0);  // makes what umockdev keeps for the whole process
+  ASSERT_EQ(ch->open(), 0); // makes what umockdev keeps for the whole process
   ch->close();
-  std::set<int> whileOpen;
-  EXPECT_EQ(leftOpenBy([&] {
-              whileOpen = descriptorsOpenedBy([&] { ASSERT_EQ(ch->open(), 0); });
-              EXPECT_EQ(ch->close(), 0);
-              EXPECT_EQ(ch->close(), 0);
-            }),
-            std::set<std::string>{});
-  EXPECT_FALSE(whileOpen.empty());
-  EXPECT_EQ(leftOpenBy([&] { EXPECT_EQ(absent->open(), -1); }), std::set<std::string>{});
+  EXPECT_TRUE(leavesNothingOpen([&] {
+    EXPECT_EQ(ch->open(), 0);
+    EXPECT_EQ(ch->close(), 0);
+    EXPECT_EQ(ch->close(), 0);
+    EXPECT_EQ(absent->open(), -1);
+  }));
 }
 
 TEST_F(LibusbChannel, OpenWhenOpenDoesNothingAndClosedOrOversizedTransfersAreRefused) {
-  TLibusbDevice& ch = open();
+  TLibusbDevice& ch = *channel_;
   EXPECT_EQ(ch.open(), 0);
   EXPECT_EQ(device_->observed().opens, 1);
-  EXPECT_EQ(device_->observed().ioctls[USBDEVFS_GETDRIVER], 1);
-
   unsigned char buf[kBlock + 1] = {};
   device_->queue(Pipe::In, {"z"});
   EXPECT_EQ(ch.read(buf, kBlock + 1), -1);
   EXPECT_EQ(ch.write(buf, kBlock + 1), -1);
   EXPECT_TRUE(device_->observed().urbs.empty());
   EXPECT_EQ(ch.read(buf, kBlock), 1);
-  EXPECT_EQ(ch.write(buf, kBlock), kBlock);
   EXPECT_EQ(ch.flush(), 0);
-
-  EXPECT_EQ(ch.close(), 0);
   EXPECT_EQ(ch.close(), 0);
   EXPECT_EQ(ch.read(buf, 1), -1);
   EXPECT_EQ(ch.write(buf, 1), -1);
   EXPECT_EQ(ch.usbControlTransfer(0xc0, 1, 0, 0, 1, buf), -1);
+  // The oversized transfers log the same line as those on the closed channel.
   EXPECT_EQ(log_.lines(), Lines(5, "*** TLibusbDevice usb handle is null!"));
 }
-
-// ---------------------------------------------------------------------------
-// Transfers
 
 // Each pipe's outcomes as the device answers. A read asks for `arg` bytes; a write
 // sends "abc"; a control transfer of request type `arg` moves 4 bytes, and its stalls
 // are cleared on the bulk IN endpoint as a read's are.
 TEST_F(LibusbChannel, TransferOutcomes) {
   const Reply s = kStall;
-  const std::string wPipe = "*** TLibusbDevice write  pipe error";
-  const Lines readFailed = {kReadPipe, kReadPipe, kReadPipe, kReadPipe, kReadPipe,
-                            "*** bulk_transfer read failed! rv:-9"};
   const std::string timedOut = "*** bulk_transfer read timeout : 50! try to read 4 , read length : ";
-  struct Case {
+  const struct {
     const char* name;
     Pipe pipe;
     int arg;
     std::vector<Reply> replies;
     int64_t result;
-    std::string bytes;  // read, or accepted by the device, or the control buffer after
+    std::string bytes; // read, or accepted by the device, or the control buffer after
     Lines lines;
     int clears;
   } cases[] = {
-      {"read data", Pipe::In, kBlock, {{"abc"}}, 3, "abc", {}, 0},
       {"read zero-length packets, then data", Pipe::In, kBlock, {{""}, {""}, {"abc"}}, 3, "abc",
        {}, 0},
       {"read four stalls, then data", Pipe::In, kBlock, {s, s, s, s, {"abc"}}, 3, "abc",
        Lines(4, kReadPipe), 4},
-      {"read five stalls", Pipe::In, kBlock, {s, s, s, s, s}, -9, "", readFailed, 5},
-      {"read time-out", Pipe::In, 4, {}, 0, "", {timedOut + "0"}, 0},
+      {"read five stalls", Pipe::In, kBlock, {s, s, s, s, s}, -9, "",
+       {kReadPipe, kReadPipe, kReadPipe, kReadPipe, kReadPipe, "*** bulk_transfer read failed! rv:-9"},
+       5},
       {"read time-out after some bytes", Pipe::In, 4, {{"xy", 0, true}}, 0, "", {timedOut + "2"},
        0},
       {"read overflow", Pipe::In, 4, {{"abcdefgh", -EOVERFLOW}}, 4, "abcd",
        {"*** bulk_transfer read overflow! try to read 4 , read length : 4"}, 0},
       {"read, device gone", Pipe::In, 4, {{"", -ESHUTDOWN}}, LIBUSB_ERROR_NO_DEVICE, "",
        {"*** bulk_transfer read failed! rv:-4"}, 0},
-      {"write accepted", Pipe::Out, 0, {}, 3, "abc", {}, 0},
-      {"write four stalls, then accepted", Pipe::Out, 0, {s, s, s, s}, 3, "abc", Lines(4, wPipe),
-       4},
+      {"write four stalls, then accepted", Pipe::Out, 0, {s, s, s, s}, 3, "abc",
+       Lines(4, kWritePipe), 4},
       {"write five stalls", Pipe::Out, 0, {s, s, s, s, s}, -1, "",
-       {wPipe, wPipe, wPipe, wPipe, wPipe, "*** bulk_transfer OUT failed! rv:-9"}, 5},
+       {kWritePipe, kWritePipe, kWritePipe, kWritePipe, kWritePipe,
+        "*** bulk_transfer OUT failed! rv:-9"},
+       5},
       {"write time-out", Pipe::Out, 0, {{"", 0, true}}, -1, "",
        {"*** bulk_transfer OUT failed! rv:-7"}, 0},
-      {"write, device gone", Pipe::Out, 0, {{"", -ESHUTDOWN}}, -1, "",
-       {"*** bulk_transfer OUT failed! rv:-4"}, 0},
       {"control IN data", Pipe::Control, 0xc0, {{"wxyz"}}, 4, "wxyz", {}, 0},
       {"control OUT data", Pipe::Control, 0x40, {}, 4, "data", {}, 0},
       {"control four stalls, then data", Pipe::Control, 0xc0, {s, s, s, s, {"wxyz"}}, 4, "wxyz",
        Lines(4, kReadPipe), 4},
-      {"control five stalls", Pipe::Control, 0xc0, {s, s, s, s, s}, -9, "data", readFailed, 5},
       {"control time-out", Pipe::Control, 0xc0, {{"", 0, true}}, -7, "data", {timedOut + "0"}, 0},
       {"control overflow", Pipe::Control, 0xc0, {{"wxyz", -EOVERFLOW}}, -8, "wxyz",
        {"*** bulk_transfer read overflow! try to read 4 , read length : 0"}, 0},
-      {"control, device gone", Pipe::Control, 0xc0, {{"", -ESHUTDOWN}}, -4, "data",
-       {"*** bulk_transfer read failed! rv:-4"}, 0},
       {"control zero length until the time-out", Pipe::Control, 0xc0, {}, 0, "data", {}, 0},
   };
-  TLibusbDevice& ch = open();
+  TLibusbDevice& ch = *channel_;
   const unsigned char abc[] = {'a', 'b', 'c'};
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     for (const Reply& r : c.replies) {
       device_->queue(c.pipe, r);
@@ -402,7 +309,6 @@ TEST_F(LibusbChannel, TransferOutcomes) {
     Observed before = device_->observed();
     const uint8_t endpoint = c.pipe == Pipe::Out ? 0x02 : 0x81;
     unsigned char buf[kBlock] = {'d', 'a', 't', 'a'};
-    const auto start = std::chrono::steady_clock::now();
     int64_t got = 0;
     if (c.pipe == Pipe::In) {
       got = ch.read(buf, static_cast<unsigned>(c.arg));
@@ -413,46 +319,33 @@ TEST_F(LibusbChannel, TransferOutcomes) {
     }
     Observed after = device_->observed();
     EXPECT_EQ(got, c.result);
-    EXPECT_EQ(c.pipe == Pipe::In        ? text(buf, got)
-              : c.pipe == Pipe::Control ? text(buf, 4)
-                                        : after.out.substr(before.out.size()),
+    const auto shown = c.pipe == Pipe::In ? std::max<int64_t>(got, 0) : 4;
+    EXPECT_EQ(c.pipe == Pipe::Out ? after.out.substr(before.out.size())
+                                  : std::string(reinterpret_cast<char*>(buf), shown),
               c.bytes);
     EXPECT_EQ(log_.lines(), c.lines);
     EXPECT_EQ(after.clearedHalts[endpoint] - before.clearedHalts[endpoint], c.clears);
-    if (c.pipe != Pipe::Control) {
-      continue;
-    }
-    ASSERT_GT(after.controls.size(), before.controls.size());
-    const ControlRequest& r = after.controls.back();  // low bits of request and value
-    EXPECT_EQ(std::make_tuple(int(r.requestType), int(r.request), int(r.value), int(r.index),
-                              int(r.length), r.data),
-              std::make_tuple(c.arg, 0xa5, 0x2345, 7, 4,
-                              std::string(c.arg == 0x40 ? "data" : "")));
-    if (c.result == 0) {  // asked again at once until the time-out
-      EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kTimeoutMs));
-      EXPECT_GT(after.controls.size() - before.controls.size(), 1u);
+    if (c.pipe == Pipe::Control) { // the low bits of request and value go out
+      ASSERT_GT(after.controls.size(), before.controls.size());
+      const ControlRequest& r = after.controls.back();
+      EXPECT_EQ(std::make_tuple(int(r.requestType), int(r.request), int(r.value), int(r.index),
+                                int(r.length), r.data),
+                std::make_tuple(c.arg, 0xa5, 0x2345, 7, 4, std::string(c.arg == 0x40 ? "data" : "")));
     }
   }
 }
 
 TEST_F(LibusbChannel, ZeroLengthPacketsAreAskedAgainEveryMillisecondUntilTheReadTimeOut) {
   device_->setZeroLengthWhenIdle(true);
+  channel_ = channel(kProduct, "", 60);
+  ASSERT_EQ(channel_->open(), 0);
   unsigned char buf[kBlock];
-  for (int timeout : {0, 60}) {
-    SCOPED_TRACE("read time-out " + std::to_string(timeout));
-    TLibusbDevice& ch = open(static_cast<unsigned>(timeout));
-    const int urbs = device_->observed().urbs[0x81];
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ch.read(buf, kBlock), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start,
-              std::chrono::milliseconds(timeout == 0 ? 1 : timeout));
-    const int asked = device_->observed().urbs[0x81] - urbs;
-    if (timeout == 0) {
-      EXPECT_EQ(asked, 1);
-    } else {
-      EXPECT_GT(asked, 1);
-      EXPECT_LE(asked, timeout + 1) << "asked again without the 1 ms pause";
-    }
-    EXPECT_EQ(log_.lines(), Lines{});
-  }
+  const int urbs = device_->observed().urbs[0x81];
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(channel_->read(buf, kBlock), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
+  const int asked = device_->observed().urbs[0x81] - urbs;
+  EXPECT_GT(asked, 1);
+  EXPECT_LE(asked, 61) << "asked again without the 1 ms pause";
+  EXPECT_EQ(log_.lines(), Lines{});
 }
