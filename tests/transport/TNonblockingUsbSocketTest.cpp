@@ -124,38 +124,6 @@ TEST_P(TNonblockingUsbSocketModes, WriteGivesUpWhenNothingMovesForTheWriteTimeou
 
 INSTANTIATE_TEST_SUITE_P(BlockingAndNonBlocking, TNonblockingUsbSocketModes, ::testing::Bool());
 
-TEST(TNonblockingUsbSocketTimeouts, ATricklingPeerNeverTimesOutAReadAll) {
-  Link link(false, 150);
-  link.socket.open();
-  Watchdog watchdog;
-  // One byte every 100 ms: the call lasts far longer than the time-out, no silence does.
-  PeerThread peer([&] {
-    for (char c : std::string("trickle")) {
-      std::this_thread::sleep_for(100ms);
-      writeAll(link.peer.out.get(), std::string(1, c));
-    }
-  });
-  std::string in(7, '\0');
-  EXPECT_EQ(link.socket.readAll(u8(in), 7), 7u);
-  peer.join();
-  EXPECT_EQ(in, "trickle");
-}
-
-TEST(TNonblockingUsbSocketBlocking, ClosedTransportRefusesWithInterrupted) {
-  Link link(false);
-  uint8_t buf[kBlock] = {};
-  for (int round = 0; round < 2; ++round) { // never opened, then opened and closed
-    EXPECT_TRUE(throwsTransport([&] { link.socket.read(buf, kBlock); },
-                                TTransportException::INTERRUPTED, "Failed to read."));
-    EXPECT_TRUE(throwsTransport([&] { link.socket.write_partial(buf, kBlock); },
-                                TTransportException::INTERRUPTED, "Failed to write."));
-    EXPECT_TRUE(throwsTransport([&] { link.socket.flush(); }, TTransportException::INTERRUPTED,
-                                "Failed to flush usb device."));
-    link.socket.open();
-    link.socket.close();
-  }
-}
-
 // A broken channel ends the thread that met it, and the calls that need that thread
 // fail from then on.
 class TNonblockingUsbSocketBroken : public ::testing::TestWithParam<bool> {};
@@ -257,25 +225,6 @@ TEST(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) 
   EXPECT_GE(std::chrono::steady_clock::now() - start, 3s);
   spy.setVirtualTime(false);
   link.socket.close();
-}
-
-TEST(TNonblockingUsbSocketBlocking, FailureToStartTheWriterLeavesNothingRunningOrOpen) {
-  Link link(false);
-  link.socket.open(); // the first threads of the program: sanitizer helpers start now
-  link.socket.close();
-  const Resources before = Resources::now();
-  {
-    SyscallSpy spy;
-    spy.failThreadStart(1, EAGAIN); // the reader starts, the writer does not
-    EXPECT_TRUE(throwsTransport([&] { link.socket.open(); }, TTransportException::NOT_OPEN,
-                                "Failed to start usb transport threads."));
-  }
-  EXPECT_FALSE(link.device->isOpen());
-  EXPECT_TRUE(backTo(before));
-  link.socket.open(); // nothing of the failed attempt is in the way
-  link.send("after");
-  link.socket.flush();
-  EXPECT_EQ(readExactly(link.peer.in.get(), 5), "after");
 }
 
 TEST(TNonblockingUsbSocketBlocking, SigintOnlySetsTheThreadsQuitFlag) {

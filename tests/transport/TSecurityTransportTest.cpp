@@ -62,8 +62,6 @@ public:
     written.append(reinterpret_cast<const char*>(buf), len);
   }
   void flush() override { log.push_back("flush"); }
-  void open() override { log.push_back("open"); }
-  void close() override { log.push_back("close"); }
   bool peek() override {
     log.push_back("peek");
     return false;
@@ -249,19 +247,6 @@ TYPED_TEST(SecurityTransportShared, WritesBeyondTheFrameLimitAreRefusedAndChange
   EXPECT_EQ(this->inner->written, this->frame("kept"));
 }
 
-TYPED_TEST(SecurityTransportShared, CloseFlushesFirstAndDestructionNeitherFlushesNorCloses) {
-  auto t = TypeParam::make(this->inner);
-  t->open();
-  writeString(*t, "last words");
-  t->close();
-  const Lines expected = {"open", "write " + std::to_string(this->frame("last words").size()),
-                          "flush", "close"};
-  EXPECT_EQ(this->inner->log, expected);
-  writeString(*t, "lost");
-  t.reset();
-  EXPECT_EQ(this->inner->log, expected);
-}
-
 // Thrift 0.14 and later count the bytes a protocol consumes against a maximum message
 // size; each frame starts the count afresh, so a long-lived connection outlasts it.
 TYPED_TEST(SecurityTransportShared, EachFrameStartsAFreshMessageSizeCount) {
@@ -306,42 +291,6 @@ TEST(TSecurityTransport, EndOfDataBeforeAFrameReadsAsZeroAndInsideAHeaderThrows)
   inner->chunks = {std::string(3, '\0')};
   EXPECT_TRUE(throwsTransport([&] { readString(*t, 16); }, TTransportException::END_OF_FILE,
                               "No more data to read after partial frame header."));
-}
-
-TEST(SecurityTransportSettings, UnusableSettingsAreRefusedByTransportsAndFactories) {
-  auto inner = std::make_shared<FakeInner>();
-  const uint32_t tooLarge = 0x80000000u;
-  EXPECT_THROW(TSecurityTransport(inner, nullptr), std::invalid_argument);
-  EXPECT_THROW(TSecurityTransport(nullptr, testCipher()), std::invalid_argument);
-  EXPECT_THROW(TSecurityTransport(inner, testCipher(), 0, tooLarge), std::invalid_argument);
-  EXPECT_NO_THROW(TSecurityTransport(inner, testCipher(), 0, tooLarge - 1));
-  EXPECT_THROW(TNonblockingSecurityTransport(inner, nullptr), std::invalid_argument);
-  EXPECT_NO_THROW(TNonblockingSecurityTransport(inner, nullptr, false)); // plain: no cipher
-  EXPECT_THROW(TSecurityTransportFactory(nullptr), std::invalid_argument);
-  EXPECT_THROW(TNonblockingSecurityTransportFactory(testCipher(), true, 0, tooLarge),
-               std::invalid_argument);
-}
-
-TEST(SecurityTransportSettings, FactoriesMakeANewTransportPerCallWithTheirSettings) {
-  auto inner = std::make_shared<FakeInner>();
-  const std::pair<std::shared_ptr<TTransportFactory>, std::shared_ptr<Sm4Cipher>> cases[] = {
-      {std::make_shared<TSecurityTransportFactory>(testCipher(), 0xFFFFFFFF, 32), testCipher()},
-      {std::make_shared<TNonblockingSecurityTransportFactory>(testCipher(), true, 0xFFFFFFFF, 32),
-       testCipher()},
-      {std::make_shared<TNonblockingSecurityTransportFactory>(nullptr, false, 0xFFFFFFFF, 32),
-       nullptr},
-  };
-  for (const auto& [factory, cipher] : cases) {
-    auto a = factory->getTransport(inner), b = factory->getTransport(inner);
-    ASSERT_NE(a, b);
-    inner->written.clear();
-    writeString(*a, "hi");
-    a->flush();
-    EXPECT_EQ(inner->written, frameOf("hi", cipher));
-    inner->chunks = {header(48) + std::string(48, 'x')}; // above the factory's 32
-    EXPECT_TRUE(throwsTransport([&] { readString(*b, 4); }, TTransportException::CORRUPTED_DATA,
-                                "Received an oversized frame"));
-  }
 }
 
 // TNonblockingSecurityTransport polls for a frame; virtual time lets 300 s pass at once.

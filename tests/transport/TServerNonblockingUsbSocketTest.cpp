@@ -96,21 +96,6 @@ TEST(TServerNonblockingUsbSocketRetry, MissingNodeIsRetriedWithTheCallbackBefore
   EXPECT_EQ(output.lines(), std::vector<std::string>{"1 channel: " + node});
 }
 
-TEST(TServerNonblockingUsbSocketRetry, RetriesUntilInterruptedFromAnotherThread) {
-  // An empty one-node path means two-node mode with empty paths, which never open.
-  TServerNonblockingUsbSocket server("", true, kBlock, kBlock);
-  std::atomic<int> calls{0};
-  server.setPreOpenCallback([&](Paths paths) {
-    EXPECT_EQ(paths, (Paths{"", ""}));
-    ++calls;
-  });
-  StoppedAccept accept(server);
-  ASSERT_TRUE(waitUntil([&] { return calls >= 2; }, 5000ms));
-  server.interrupt();
-  ASSERT_TRUE(accept.thread.waitFor(2000ms)) << "accept ignored the interrupt";
-  EXPECT_TRUE(accept.outcome);
-}
-
 TEST(TServerNonblockingUsbSocketCallback, TwoNodeModePassesReadNodeFirstAndUsesBothNodes) {
   Watchdog watchdog;
   VirtualCable cable;
@@ -128,30 +113,6 @@ TEST(TServerNonblockingUsbSocketCallback, TwoNodeModePassesReadNodeFirstAndUsesB
   EXPECT_EQ(request, "ping");
   transport->write(u8("pong"), 4); // non-blocking mode: straight to the node
   EXPECT_EQ(readExactly(host.in.get(), 4), "pong");
-}
-
-TEST(TServerNonblockingUsbSocketCallback, ItsExceptionsLeaveAcceptUnchangedWithoutRetry) {
-  Watchdog watchdog;
-  PtyDevice pty;
-  TServerNonblockingUsbSocket server(pty.path(), true, kBlock, kBlock);
-  const auto first = server.accept(); // no callback set: nothing to call
-  first->close();
-  int calls = 0;
-  server.setPreOpenCallback([&](Paths) {
-    ++calls;
-    throw TTransportException(TTransportException::NOT_OPEN, "gadget not ready");
-  });
-  EXPECT_TRUE(throwsTransport([&] { server.accept(); }, TTransportException::NOT_OPEN,
-                              "gadget not ready"));
-  EXPECT_EQ(calls, 1) << "a transport exception of the callback is not a failed open";
-  server.setPreOpenCallback([](Paths) { throw std::runtime_error("no power"); });
-  EXPECT_THROW(server.accept(), std::runtime_error);
-  // The failed accepts kept the previous transport as the one to interrupt.
-  first->open();
-  server.interruptChildren();
-  EXPECT_FALSE(first->isOpen());
-  server.setPreOpenCallback({}); // an empty callback removes it
-  EXPECT_TRUE(server.accept()->isOpen());
 }
 
 TEST(TServerNonblockingUsbSocketConnections, HoldAHostsBurstOfMegabytesUnread) {

@@ -221,18 +221,3 @@ INSTANTIATE_TEST_SUITE_P(
                     std::string("TUSBSocket::write_partial() : ") + std::strerror(EIO)}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(TUSBSocketLocking, AWriteWaitsForAPendingReadOfAnotherThread) {
-  Host host;
-  Watchdog watchdog;
-  std::string in;
-  PeerThread reader([&] { in = host.receive(4); });
-  ASSERT_TRUE(waitUntil([&] { return host.spy.count(Sys::Usleep) > 0; }));
-  PeerThread writer([&] { host.socket.write(u8("reply"), 5); });
-  EXPECT_FALSE(writer.waitFor(std::chrono::milliseconds(200)));
-  EXPECT_EQ(host.spy.count(Sys::Write), 0u);
-  writeAll(host.peer.out.get(), "ping");
-  reader.join();
-  writer.join();
-  EXPECT_EQ(in, "ping");
-  EXPECT_EQ(readExactly(host.peer.in.get(), 5), "reply");
-}

@@ -142,20 +142,3 @@ INSTANTIATE_TEST_SUITE_P(
                       TransferCase{"write_error", false, 4, EIO, -1}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(TUsbDeviceFlush, ReturnsTheWriteNodesSyncAndAClosedChannelsReadFails) {
-  VirtualCable cable;
-  SyscallSpy spy;
-  TUsbDevice device(cable.host().readPath, cable.host().writePath, true, kBlock, kBlock);
-  spy.watch(descriptorsOpenedBy([&] { EXPECT_EQ(device.open(), 0); }));
-  EXPECT_EQ(device.flush(), -1); // a FIFO cannot be synchronised
-  spy.returnNext(Sys::Fsync, 0);
-  EXPECT_EQ(device.flush(), 0);
-  for (const auto& call : spy.calls()) {
-    EXPECT_EQ(statusFlags(call.fd) & O_ACCMODE, O_WRONLY);
-  }
-  EXPECT_EQ(device.close(), 0);
-  LogCapture log;
-  unsigned char buf[4];
-  EXPECT_EQ(device.read(buf, 4), -1); // the system call itself fails
-  EXPECT_EQ(log.lines(), Lines{failed("read", EBADF)});
-}
