@@ -1,0 +1,236 @@
+#include "Stacks.h"
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thrift/transport/TBufferTransports.h>
+#include <thrift/transport/TFDTransport.h>
+#include <thrift/transport/TSocket.h>
+#include <thrift/transport/TVirtualTransport.h>
+
+#include <thriftusb/cipher/Sm4Cipher.h>
+#include <thriftusb/transport/TNonblockingSecurityTransport.h>
+#include <thriftusb/transport/TNonblockingUsbSocket.h>
+#include <thriftusb/transport/TSecurityTransport.h>
+#include <thriftusb/transport/TUSBSocket.h>
+#include <thriftusb/transport/TUsbDevice.h>
+
+namespace thriftusb {
+namespace bench {
+
+using namespace apache::thrift::transport;
+using testing::VirtualCable;
+
+void Connection::close() {
+  for (Link* end : {&device, &host}) {
+    if (end->transport) {
+      end->transport->close();
+    }
+    if (end->stream != end->transport) {
+      end->stream->close();
+    }
+  }
+}
+
+std::string benchKey() {
+  return std::string("\x01\x23\x45\x67\x89\xab\xcd\xef\xfe\xdc\xba\x98\x76\x54\x32\x10", 16);
+}
+
+std::string benchIv() {
+  return std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16);
+}
+
+namespace {
+
+[[noreturn]] void failErrno(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+int openNode(const std::string& path, int flags) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) {
+    failErrno("cannot open " + path);
+  }
+  return fd;
+}
+
+// The runtime's TFDTransport on the read FIFO and on the write FIFO, joined into one
+// transport for TFramedTransport (a FIFO carries one direction only).
+class FdPairTransport : public TVirtualTransport<FdPairTransport> {
+public:
+  explicit FdPairTransport(const VirtualCable::End& end)
+    : in_(openNode(end.readPath, O_RDONLY), TFDTransport::CLOSE_ON_DESTROY),
+      out_(openNode(end.writePath, O_WRONLY), TFDTransport::CLOSE_ON_DESTROY) {}
+
+  bool isOpen() const override { return in_.isOpen() && out_.isOpen(); }
+  void close() override {
+    in_.close();
+    out_.close();
+  }
+  uint32_t read(uint8_t* buf, uint32_t len) { return in_.read(buf, len); }
+  void write(const uint8_t* buf, uint32_t len) { out_.write(buf, len); }
+
+private:
+  TFDTransport in_;
+  TFDTransport out_;
+};
+
+// The device-node channel on a FIFO in non-blocking mode. fsync() on a FIFO fails with
+// EINVAL (it has nothing to synchronise), which TNonblockingUsbSocket's flush would
+// turn into an error at every flush; this channel still makes the call and takes that
+// one answer for success.
+class FifoUsbDevice : public TUsbDevice {
+public:
+  using TUsbDevice::TUsbDevice;
+
+  int flush() override {
+    const int result = TUsbDevice::flush();
+    return result < 0 && errno == EINVAL ? 0 : result;
+  }
+};
+
+// The transports' first integer argument is stored and never read.
+constexpr int kReserved = 0;
+
+std::shared_ptr<Sm4Cipher> makeCipher(bool encrypted) {
+  return encrypted ? std::make_shared<Sm4Cipher>(benchKey(), Sm4Cipher::Mode::CBC, benchIv())
+                   : nullptr;
+}
+
+std::shared_ptr<TTransport> openUsbSocket(const VirtualCable::End& end, const StackOptions& o) {
+  auto socket = std::make_shared<TUSBSocket>(end.readPath, end.writePath, kReserved,
+                                             static_cast<int>(o.blockBytes));
+  socket->open();
+  return socket;
+}
+
+std::shared_ptr<TTransport> openThreaded(const VirtualCable::End& end, const StackOptions& o,
+                                         bool nonblocking) {
+  std::shared_ptr<TUsbDevice> device;
+  if (nonblocking) {
+    device = std::make_shared<FifoUsbDevice>(end.readPath, end.writePath, true, o.blockBytes,
+                                             o.blockBytes);
+  } else {
+    device = std::make_shared<TUsbDevice>(end.readPath, end.writePath, false, o.blockBytes,
+                                          o.blockBytes);
+  }
+  auto socket = std::make_shared<TNonblockingUsbSocket>(device, o.timeoutMs, o.timeoutMs,
+                                                        o.ringBytes);
+  socket->open();
+  return socket;
+}
+
+Link both(std::shared_ptr<TTransport> transport) {
+  return {transport, transport};
+}
+
+// TCP loopback: a stream goes through TSocket itself, calls through TFramedTransport
+// on it, as a Thrift application on TCP makes them.
+// (Not TServerSocket: it defers the accept until the first bytes or a second passes.)
+Connection connectTcp() {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  if (listener < 0 || ::bind(listener, raw, sizeof address) != 0 || ::listen(listener, 1) != 0 ||
+      ::getsockname(listener, raw, &length) != 0) {
+    failErrno("cannot listen on the loopback interface");
+  }
+  auto client = std::make_shared<TSocket>("127.0.0.1", ntohs(address.sin_port));
+  client->open();
+  const int accepted = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  ::close(listener);
+  if (accepted < 0) {
+    failErrno("accept");
+  }
+  auto server = std::make_shared<TSocket>(accepted);
+  Connection c;
+  c.host = {std::make_shared<TFramedTransport>(client), client};
+  c.device = {std::make_shared<TFramedTransport>(server), server};
+  return c;
+}
+
+std::vector<Stack> makeStacks() {
+  std::vector<Stack> stacks;
+  stacks.push_back({"framed-fd", "TFramedTransport/TFDTransport", true, false, 0,
+                    [](const VirtualCable::End& end, const StackOptions&) {
+                      return both(std::make_shared<TFramedTransport>(
+                          std::make_shared<FdPairTransport>(end)));
+                    }});
+  stacks.push_back({"tcp", "TSocket (TCP loopback)", false, false, 0, nullptr});
+  stacks.push_back({"usbsocket", "TUSBSocket", false, false, 1000,
+                    [](const VirtualCable::End& end, const StackOptions& o) {
+                      return both(openUsbSocket(end, o));
+                    }});
+  for (bool nonblocking : {false, true}) {
+    const std::string suffix = nonblocking ? "-nb" : "";
+    const std::string mode = nonblocking ? "non-blocking mode" : "blocking mode";
+    stacks.push_back({"threaded" + suffix, "TNonblockingUsbSocket (" + mode + ")", false, true,
+                      10000,
+                      [nonblocking](const VirtualCable::End& end, const StackOptions& o) {
+                        return both(openThreaded(end, o, nonblocking));
+                      }});
+    for (bool encrypted : {false, true}) {
+      stacks.push_back(
+          {std::string(encrypted ? "nbsec-sm4" : "nbsec-plain") + suffix,
+           std::string("TNonblockingSecurityTransport ") + (encrypted ? "SM4" : "plain") + " / " +
+               mode,
+           true, true, 10000,
+           [nonblocking, encrypted](const VirtualCable::End& end, const StackOptions& o) {
+             return both(std::make_shared<TNonblockingSecurityTransport>(
+                 openThreaded(end, o, nonblocking), makeCipher(encrypted), encrypted));
+           }});
+    }
+  }
+  stacks.push_back({"sec-sm4", "TSecurityTransport SM4 / TUSBSocket", true, false, 1000, [](const VirtualCable::End& end, const StackOptions& o) {
+                      return both(std::make_shared<TSecurityTransport>(openUsbSocket(end, o),
+                                                                       makeCipher(true)));
+                    }});
+  return stacks;
+}
+
+} // namespace
+
+const std::vector<Stack>& allStacks() {
+  static const std::vector<Stack> stacks = makeStacks();
+  return stacks;
+}
+
+std::shared_ptr<VirtualCable> makeCable(int pipeBytes) {
+  auto cable = std::make_shared<VirtualCable>();
+  // The size belongs to the pipe, which the cable keeps alive: set it through a
+  // descriptor of our own.
+  for (const std::string& path : {cable->host().readPath, cable->host().writePath}) {
+    const int fd = openNode(path, O_RDWR);
+    const int result = ::fcntl(fd, F_SETPIPE_SZ, pipeBytes);
+    ::close(fd);
+    if (result < 0) {
+      failErrno("cannot size " + path);
+    }
+  }
+  return cable;
+}
+
+Connection connect(const Stack& stack, const StackOptions& options) {
+  if (!stack.open) {
+    return connectTcp();
+  }
+  auto cable = makeCable(options.pipeBytes);
+  Connection c;
+  c.medium = cable;
+  c.device = stack.open(cable->device(), options);
+  c.host = stack.open(cable->host(), options);
+  return c;
+}
+
+} // namespace bench
+} // namespace thriftusb

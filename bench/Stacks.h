@@ -1,0 +1,85 @@
+#ifndef THRIFTUSB_BENCH_STACKS_H
+#define THRIFTUSB_BENCH_STACKS_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <thrift/transport/TTransport.h>
+
+#include <thriftusb/testing/VirtualCable.h>
+
+namespace thriftusb {
+namespace bench {
+
+/** How the threaded transports wait for bytes and room. */
+enum class Waiting {
+  Polling, ///< fixed sleeps of 10 ms, the transports' behaviour today
+};
+
+/** What a stack is built with; every stack of one benchmark gets the same. */
+struct StackOptions {
+  /** Kernel buffer of each FIFO of the cable: the bytes a link holds in flight. */
+  int pipeBytes = 1 << 20;
+  /** TUSBSocket's maxBlockSize and TUsbDevice's block sizes: most bytes per system call. */
+  uint32_t blockBytes = 1 << 20;
+  /**
+   * Each ring buffer of TNonblockingUsbSocket. Its stream moves about one ring per
+   * 10 ms step, so an application after throughput gives it 16 MiB, not the server
+   * transport's 4 MiB.
+   */
+  int ringBytes = 16 << 20;
+  /** Read and write time-out of TNonblockingUsbSocket, milliseconds. */
+  int timeoutMs = 3000;
+  Waiting waiting = Waiting::Polling;
+};
+
+/** One end of a connection. */
+struct Link {
+  /** The outermost transport: the one a protocol goes on. */
+  std::shared_ptr<apache::thrift::transport::TTransport> transport;
+  /** What a one-way stream goes through: the transport itself, except on TCP (the socket). */
+  std::shared_ptr<apache::thrift::transport::TTransport> stream;
+};
+
+/** Both ends of a connection, opened, and what carries them. */
+struct Connection {
+  std::shared_ptr<void> medium;
+  Link host;
+  Link device;
+
+  /** Closes both ends, the device's first. */
+  void close();
+};
+
+/** One stack the benchmarks run through. */
+struct Stack {
+  std::string id;    ///< short name in the benchmark names, e.g. "usbsocket"
+  std::string label; ///< name in the report
+  bool framed = false;   ///< sends a frame per flush
+  bool threaded = false; ///< built on TNonblockingUsbSocket: has a Waiting mode
+  /** The polling step of its waits, microseconds; 0 when it waits in the kernel. */
+  int stepMicros = 0;
+  /** Opens one end on a cable's node pair; empty for TCP, which has no cable. */
+  std::function<Link(const testing::VirtualCable::End&, const StackOptions&)> open;
+};
+
+/** Every stack, anchors first. */
+const std::vector<Stack>& allStacks();
+
+/** A new cable whose FIFOs hold @p pipeBytes each. */
+std::shared_ptr<testing::VirtualCable> makeCable(int pipeBytes);
+
+/** Builds and opens both ends of a new connection through @p stack. */
+Connection connect(const Stack& stack, const StackOptions& options);
+
+/** The key and initialisation vector of every SM4 cipher of the benchmark. */
+std::string benchKey();
+std::string benchIv();
+
+} // namespace bench
+} // namespace thriftusb
+
+#endif
