@@ -109,14 +109,10 @@ std::set<int> newDescriptors(const std::set<int>& before, const std::set<int>& a
   return added;
 }
 
-int statusFlags(int fd) {
-  return ::fcntl(fd, F_GETFL);
-}
-
 std::multiset<int> accessModes(const std::set<int>& fds) {
   std::multiset<int> modes;
   for (int fd : fds) {
-    modes.insert(statusFlags(fd) & (O_ACCMODE | O_NONBLOCK));
+    modes.insert(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK));
   }
   return modes;
 }

@@ -85,9 +85,6 @@ std::set<int> descriptorsOpenedBy(Open&& open) {
   return newDescriptors(before, openDescriptors());
 }
 
-/** The open file status flags of @p fd (fcntl F_GETFL), or -1. */
-int statusFlags(int fd);
-
 /** The access mode and O_NONBLOCK flag (F_GETFL) of each of @p fds, one entry per descriptor. */
 std::multiset<int> accessModes(const std::set<int>& fds);
 

@@ -33,17 +33,6 @@ using FsyncFn = int (*)(int); // also close's signature
 using UsleepFn = int (*)(useconds_t);
 using ClockFn = int (*)(clockid_t, struct timespec*);
 using OpenFn = int (*)(const char*, int, ...);
-using ThreadStartFn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-
-// The function that really starts a thread. A sanitizer runtime in the program
-// interposes pthread_create itself, with a weak definition that ours replaces; its own
-// entry point must still see every thread start, so it comes before the C library's.
-ThreadStartFn realThreadStart() {
-  void* sanitizer = ::dlsym(RTLD_DEFAULT, "__interceptor_pthread_create");
-  return reinterpret_cast<ThreadStartFn>(sanitizer != nullptr
-                                             ? sanitizer
-                                             : ::dlsym(RTLD_NEXT, "pthread_create"));
-}
 
 // Runs one interposed call: a scripted outcome replaces it, otherwise the real
 // function runs; either way a watched call is recorded.
@@ -94,11 +83,6 @@ void SyscallSpy::failNext(Sys call, int error, int times) {
 void SyscallSpy::returnNext(Sys call, long value, int times) {
   std::lock_guard<std::mutex> lock(mutex_);
   script_[call].insert(script_[call].end(), static_cast<size_t>(times), Outcome{value, 0});
-}
-
-void SyscallSpy::setInstantSleeps(bool instant) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  instantSleeps_ = instant;
 }
 
 std::vector<SysCall> SyscallSpy::calls() const {
@@ -162,24 +146,6 @@ void SyscallSpy::record(const SysCall& call) {
   calls_.push_back(call);
 }
 
-bool SyscallSpy::instantSleeps() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return instantSleeps_ || virtualTime_;
-}
-
-void SyscallSpy::failThreadStart(int after, int error) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  threadStartsBeforeFailure_ = after;
-  threadStartError_ = error;
-}
-
-// The scripted failure comes once, after the given number of successful starts.
-int SyscallSpy::takeThreadStartError() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return threadStartsBeforeFailure_ < 0 || threadStartsBeforeFailure_-- > 0 ? 0
-                                                                             : threadStartError_;
-}
-
 void SyscallSpy::setVirtualTime(bool on) {
   std::lock_guard<std::mutex> lock(mutex_);
   virtualTime_ = on;
@@ -188,10 +154,6 @@ void SyscallSpy::setVirtualTime(bool on) {
 bool SyscallSpy::virtualTime() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return virtualTime_;
-}
-
-void SyscallSpy::advanceTime(std::chrono::nanoseconds by) {
-  clockOffsetNanos.fetch_add(by.count());
 }
 
 } // namespace test
@@ -256,18 +218,11 @@ extern "C" int usleep(useconds_t micros) {
     return real(micros);
   }
   spy->record({Sys::Usleep, -1, static_cast<size_t>(micros), 0, 0});
-  if (spy->virtualTime()) {
-    thriftusb::test::SyscallSpy::advanceTime(std::chrono::microseconds(micros));
+  if (!spy->virtualTime()) {
+    return real(micros);
   }
-  return spy->instantSleeps() ? 0 : real(micros);
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
-                              void* (*start)(void*), void* arg) {
-  static const auto real = thriftusb::test::realThreadStart();
-  thriftusb::test::SyscallSpy* spy = thriftusb::test::activeSpy.load();
-  const int error = spy != nullptr ? spy->takeThreadStartError() : 0;
-  return error != 0 ? error : real(thread, attr, start, arg);
+  thriftusb::test::clockOffsetNanos.fetch_add(1000LL * micros);
+  return 0;
 }
 
 // Waits until a point in time (std::condition_variable's wait_for and wait_until on the

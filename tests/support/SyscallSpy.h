@@ -26,15 +26,14 @@ struct SysCall {
 };
 
 /**
- * Watches and steers the read, write, fsync, close and usleep calls, and thread starts,
- * that the code under test makes, and records the flags of its open calls, by
+ * Watches and steers the read, write, fsync, close and usleep calls that the code
+ * under test makes, and records the flags of its open calls, by
  * interposing those C library functions in the test program. Calls on
  * descriptors that are not watched pass straight to the C library.
  *
  * A scripted outcome replaces the next call on a watched descriptor: it either fails
  * with an errno, or returns a value without any I/O. Sleeps are recorded while a spy
- * lives, and can be made instant so that code that polls can be driven without
- * waiting. With virtual time on, every sleep returns at once and moves the monotonic
+ * lives. With virtual time on, every sleep returns at once and moves the monotonic
  * clock (CLOCK_MONOTONIC, and so std::chrono::steady_clock) forward by its length, so
  * that time-outs of seconds or minutes pass in a few milliseconds while the code under
  * test sees a consistent clock. The clock never moves back, not even when the spy
@@ -57,19 +56,8 @@ public:
   /** The next @p times calls of @p call on watched descriptors return @p value, no I/O. */
   void returnNext(Sys call, long value, int times = 1);
 
-  /** usleep returns at once (still recorded) when @p instant is true. */
-  void setInstantSleeps(bool instant);
-
-  /**
-   * The thread start (pthread_create, and so std::thread) that follows @p after more
-   * successful ones fails with @p error; the others run as usual.
-   */
-  void failThreadStart(int after, int error);
-
   /** Sleeps return at once and move the monotonic clock forward while @p on is true. */
   void setVirtualTime(bool on);
-  /** Moves the monotonic clock forward by @p by at once. */
-  static void advanceTime(std::chrono::nanoseconds by);
 
   /** Every recorded call, in order. */
   std::vector<SysCall> calls() const;
@@ -91,9 +79,7 @@ public:
   bool watches(int fd) const;
   bool takeOutcome(Sys call, Outcome& outcome);
   void record(const SysCall& call);
-  bool instantSleeps() const;
   bool virtualTime() const;
-  int takeThreadStartError();
   void recordOpen(const char* path, int flags);
 
 private:
@@ -102,10 +88,7 @@ private:
   std::map<Sys, std::deque<Outcome>> script_;
   std::vector<SysCall> calls_;
   std::vector<std::pair<std::string, int>> opens_;
-  bool instantSleeps_ = false;
   bool virtualTime_ = false;
-  int threadStartsBeforeFailure_ = -1; // -1: no failure scripted
-  int threadStartError_ = 0;
 };
 
 } // namespace test
