@@ -7,8 +7,8 @@
 // Layout: one byte of settings (bit 0: CBC instead of ECB; bit 1: a negative room),
 // two bytes of room (capped at the body's length plus 48), then the body.
 
+#include <algorithm>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,19 +23,16 @@ namespace {
 constexpr size_t kGuard = 32;
 constexpr unsigned char kFill = 0xA5;
 
-struct Room {
-  explicit Room(long room) : bytes(static_cast<size_t>(room > 0 ? room : 0) + kGuard, kFill) {}
-  unsigned char* data() { return bytes.data(); }
-  bool guardIntact(long room) const {
-    for (size_t i = static_cast<size_t>(room > 0 ? room : 0); i < bytes.size(); ++i) {
-      if (bytes[i] != kFill) {
-        return false;
-      }
-    }
-    return true;
-  }
-  std::vector<unsigned char> bytes;
-};
+// Room for @p room bytes (none when negative), guard bytes behind it.
+std::vector<unsigned char> roomOf(long room) {
+  return std::vector<unsigned char>(static_cast<size_t>(std::max(room, 0L)) + kGuard, kFill);
+}
+
+// Whether the bytes from @p from on still hold the fill.
+bool filledFrom(const std::vector<unsigned char>& out, long from) {
+  return std::all_of(out.begin() + std::max(from, 0L), out.end(),
+                     [](unsigned char c) { return c == kFill; });
+}
 
 } // namespace
 
@@ -44,56 +41,42 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t settings = in.byte();
   const uint16_t roomField = in.u16();
   const std::string body = in.rest();
-  const bool cbc = settings & 1;
-  long room = static_cast<long>(roomField % (body.size() + 49));
-  if (settings & 2) {
-    room = -room;
-  }
-  const auto cipher = fuzzCipher(cbc);
+  const long room = (settings & 2 ? -1 : 1) * static_cast<long>(roomField % (body.size() + 49));
+  const auto cipher = fuzzCipher(settings & 1);
   const auto* in8 = reinterpret_cast<const unsigned char*>(body.data());
   const auto inLen = static_cast<long>(body.size());
 
-  // decrypt
-  {
-    Room out(room);
-    long outLen = room;
-    const int rc = cipher->decrypt(in8, inLen, out.data(), &outLen);
-    FUZZ_CHECK(out.guardIntact(room));
-    FUZZ_CHECK(rc == 0 || rc == -1);
-    if (rc == 0) {
-      FUZZ_CHECK(inLen > 0 && inLen % 16 == 0);
-      FUZZ_CHECK(outLen >= inLen - 16 && outLen < inLen && outLen <= room);
-      Room again(inLen);
-      long againLen = inLen;
-      FUZZ_CHECK(cipher->encrypt(out.data(), outLen, again.data(), &againLen) == 0);
-      FUZZ_CHECK(againLen == inLen && std::memcmp(again.data(), in8, body.size()) == 0);
-    } else {
-      FUZZ_CHECK(outLen == 0);
-      for (long i = 0; i < room; ++i) {
-        FUZZ_CHECK(out.bytes[static_cast<size_t>(i)] == kFill ||
-                   out.bytes[static_cast<size_t>(i)] == 0);
-      }
-    }
+  auto out = roomOf(room);
+  long outLen = room;
+  int rc = cipher->decrypt(in8, inLen, out.data(), &outLen);
+  FUZZ_CHECK(filledFrom(out, room));
+  FUZZ_CHECK(rc == 0 || rc == -1);
+  if (rc == 0) {
+    FUZZ_CHECK(inLen > 0 && inLen % 16 == 0);
+    FUZZ_CHECK(outLen >= inLen - 16 && outLen < inLen && outLen <= room);
+    auto again = roomOf(inLen);
+    long againLen = inLen;
+    FUZZ_CHECK(cipher->encrypt(out.data(), outLen, again.data(), &againLen) == 0);
+    FUZZ_CHECK(againLen == inLen && std::memcmp(again.data(), in8, body.size()) == 0);
+  } else {
+    FUZZ_CHECK(outLen == 0);
+    FUZZ_CHECK(std::all_of(out.begin(), out.begin() + std::max(room, 0L),
+                           [](unsigned char c) { return c == kFill || c == 0; }));
   }
 
-  // encrypt
-  {
-    Room out(room);
-    long outLen = room;
-    const long required = (inLen & ~15L) + 16;
-    const int rc = cipher->encrypt(in8, inLen, out.data(), &outLen);
-    FUZZ_CHECK(out.guardIntact(room));
-    FUZZ_CHECK(rc == (room >= required ? 0 : -1));
-    if (rc == 0) {
-      FUZZ_CHECK(outLen == required);
-      Room plain(outLen);
-      long plainLen = outLen;
-      FUZZ_CHECK(cipher->decrypt(out.data(), outLen, plain.data(), &plainLen) == 0);
-      FUZZ_CHECK(plainLen == inLen && std::memcmp(plain.data(), in8, body.size()) == 0);
-    } else {
-      FUZZ_CHECK(outLen == 0);
-      FUZZ_CHECK(out.guardIntact(0)); // not a byte written
-    }
+  out = roomOf(room);
+  outLen = room;
+  const long required = (inLen & ~15L) + 16;
+  rc = cipher->encrypt(in8, inLen, out.data(), &outLen);
+  FUZZ_CHECK(rc == (room >= required ? 0 : -1));
+  if (rc == 0) {
+    FUZZ_CHECK(filledFrom(out, room) && outLen == required);
+    auto plain = roomOf(outLen);
+    long plainLen = outLen;
+    FUZZ_CHECK(cipher->decrypt(out.data(), outLen, plain.data(), &plainLen) == 0);
+    FUZZ_CHECK(plainLen == inLen && std::memcmp(plain.data(), in8, body.size()) == 0);
+  } else {
+    FUZZ_CHECK(outLen == 0 && filledFrom(out, 0)); // not a byte written
   }
   return 0;
 }

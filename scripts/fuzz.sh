@@ -1,17 +1,16 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets of fuzz/ with clang, AddressSanitizer and
-# UndefinedBehaviorSanitizer, writes their seed corpus, and runs each target for a
-# bounded time. Prints the executions of each target; exits non-zero when a target
-# finds a crash, a sanitizer report or a failed check (its input is kept).
+# UndefinedBehaviorSanitizer, and runs each target for a bounded time. Prints the
+# executions of each target; exits non-zero when a target finds a crash, a sanitizer
+# report or a failed check (its input is kept).
 #
 #   scripts/fuzz.sh                      every target for 10 minutes
 #   scripts/fuzz.sh 45                   every target for 45 seconds (what CI runs)
 #   scripts/fuzz.sh 3600 security_frames one target for an hour
 #
-# Targets: security_frames, ring_buffer, null_protocol, sm4_decrypt. The corpus each
-# target grows stays in build/fuzz/corpus/<target> and is used again by the next run;
-# findings go to build/fuzz/artifacts/. THRIFTUSB_FUZZ_BUILD_DIR chooses another build
-# directory.
+# Targets: security_frames, sm4_decrypt. The corpus each target grows stays in
+# build/fuzz/corpus/<target> and is used again by the next run; findings go to
+# build/fuzz/artifacts/. THRIFTUSB_FUZZ_BUILD_DIR chooses another build directory.
 set -uo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -19,7 +18,7 @@ jobs="$(nproc 2>/dev/null || echo 2)"
 seconds="${1:-600}"
 [ "$#" -gt 0 ] && shift
 targets=("$@")
-[ "${#targets[@]}" -gt 0 ] || targets=(security_frames ring_buffer null_protocol sm4_decrypt)
+[ "${#targets[@]}" -gt 0 ] || targets=(security_frames sm4_decrypt)
 dir="${THRIFTUSB_FUZZ_BUILD_DIR:-$root/build/fuzz}"
 
 case "$seconds" in
@@ -37,8 +36,6 @@ cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ \
   >/dev/null || exit 1
 cmake --build "$dir" -j "$jobs" || exit 1
 
-rm -rf "$dir/seeds"
-"$dir/fuzz/fuzz_make_corpus" "$dir/seeds" >/dev/null || exit 1
 mkdir -p "$dir/artifacts"
 
 failed=()
@@ -55,7 +52,7 @@ for target in "${targets[@]}"; do
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ASAN_OPTIONS=abort_on_error=1:detect_leaks=1 \
     "$program" -max_total_time="$seconds" -timeout=25 -max_len=32768 -print_final_stats=1 \
-      -artifact_prefix="$dir/artifacts/$target-" "$corpus" "$dir/seeds/$target" >"$log" 2>&1
+      -artifact_prefix="$dir/artifacts/$target-" "$corpus" >"$log" 2>&1
   status=$?
   executions="$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")"
   coverage="$(grep -o 'cov: [0-9]*' "$log" | tail -1)"
