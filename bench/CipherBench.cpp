@@ -14,8 +14,7 @@
 
 #include <thriftusb/cipher/Sm4Cipher.h>
 
-#include "Benchmarks.h"
-#include "Stacks.h"
+#include "Bench.h"
 
 namespace thriftusb {
 namespace bench {

@@ -1,4 +1,4 @@
-#include "Stacks.h"
+#include "Bench.h"
 
 #include <cerrno>
 #include <system_error>
@@ -29,14 +29,8 @@ using namespace apache::thrift::transport;
 using testing::VirtualCable;
 
 void Connection::close() {
-  for (Link* end : {&device, &host}) {
-    if (end->transport) {
-      end->transport->close();
-    }
-    if (end->stream != end->transport) {
-      end->stream->close();
-    }
-  }
+  device.transport->close();
+  host.transport->close();
 }
 
 std::string benchKey() {
@@ -82,9 +76,9 @@ private:
   TFDTransport out_;
 };
 
-// The device-node channel on a FIFO in non-blocking mode. fsync() on a FIFO fails with
-// EINVAL (it has nothing to synchronise), which TNonblockingUsbSocket's flush would
-// turn into an error at every flush; this channel still makes the call and takes that
+// The device-node channel on a FIFO. In non-blocking mode TNonblockingUsbSocket's flush
+// calls fsync(), which fails on a FIFO with EINVAL (it has nothing to synchronise) and
+// would make every flush an error; this channel still makes the call and takes that
 // one answer for success.
 class FifoUsbDevice : public TUsbDevice {
 public:
@@ -113,14 +107,8 @@ std::shared_ptr<TTransport> openUsbSocket(const VirtualCable::End& end, const St
 
 std::shared_ptr<TTransport> openThreaded(const VirtualCable::End& end, const StackOptions& o,
                                          bool nonblocking) {
-  std::shared_ptr<TUsbDevice> device;
-  if (nonblocking) {
-    device = std::make_shared<FifoUsbDevice>(end.readPath, end.writePath, true, o.blockBytes,
-                                             o.blockBytes);
-  } else {
-    device = std::make_shared<TUsbDevice>(end.readPath, end.writePath, false, o.blockBytes,
-                                          o.blockBytes);
-  }
+  auto device = std::make_shared<FifoUsbDevice>(end.readPath, end.writePath, nonblocking,
+                                                o.blockBytes, o.blockBytes);
   auto socket = std::make_shared<TNonblockingUsbSocket>(device, o.timeoutMs, o.timeoutMs,
                                                         o.ringBytes);
   socket->open();

@@ -31,9 +31,8 @@
 
 #include <thriftusb/util/ThriftVersion.h>
 
-#include "Benchmarks.h"
 #include "Gadget.h"
-#include "Stacks.h"
+#include "Bench.h"
 
 namespace thriftusb {
 namespace bench {
@@ -237,10 +236,7 @@ struct Served {
 // Calls echo(1 MiB); the payload counts both ways.
 void echoBench(benchmark::State& state, const Stack& stack, const StackOptions& options) {
   Served served(stack, options);
-  std::string data(kEchoBytes, '\0');
-  for (size_t i = 0; i < data.size(); ++i) {
-    data[i] = static_cast<char>(i * 7 + 1);
-  }
+  const std::string data(kEchoBytes, '\x5a');
   std::string answer;
   served.client.echo(answer, data);
   if (answer != data) {
@@ -313,79 +309,48 @@ void idleBench(benchmark::State& state, const Stack& stack, const StackOptions& 
   state.SetLabel(stack.label);
 }
 
-void registerTransportBenchmarks(const Timing& timing) {
-  const StackOptions base;
-  auto name = [](const char* family, const Stack& stack, const StackOptions& o,
-                 const std::string& variant) {
-    const char* waiting = o.waiting == Waiting::Polling ? "/polling" : "";
-    return family + ("/" + stack.id) + (stack.threaded ? waiting : "") + variant;
-  };
-  auto stream = [&](const Stack& stack, const std::string& variant, const StackOptions& o,
-                    int blocksPerFlush) {
+// Every case of one stack. A threaded stack's name carries its waiting mode, so that
+// another mode can run beside it.
+void registerStack(const Stack& stack, const Timing& timing, const StackOptions& base) {
+  const std::string id =
+      stack.id + (stack.threaded && base.waiting == Waiting::Polling ? "/polling" : "");
+  auto stream = [&](const std::string& variant, const StackOptions& o, int blocksPerFlush) {
     timing
-        .repeated(add(name("stream", stack, o, variant),
+        .repeated(add("stream/" + id + variant,
                       [&stack, o, blocksPerFlush](benchmark::State& state) {
                         streamBench(state, stack, o, blocksPerFlush);
                       }),
                   0.4)
         ->UseRealTime();
   };
-  for (const Stack& stack : allStacks()) {
-    stream(stack, "", base, stack.framed ? 1 : 0);
-  }
-  for (const Stack& stack : allStacks()) {
-    if (stack.framed) {
-      stream(stack, "/frames:1MiB", base, 16);
-    }
+  stream("", base, stack.framed ? 1 : 0);
+  if (stack.framed) {
+    stream("/frames:1MiB", base, 16);
   }
   // How the stream depends on the ring size, the frame size and the cable's buffer.
-  for (const Stack& stack : allStacks()) {
-    StackOptions o = base;
-    if (stack.id == "threaded") {
-      for (int ring : {4, 64}) {
-        o.ringBytes = ring << 20;
-        stream(stack, "/ring:" + std::to_string(ring) + "MiB", o, 0);
-      }
-    } else if (stack.id == "nbsec-plain") {
-      stream(stack, "/frames:16MiB", o, 256);
-    } else if (stack.id == "framed-fd" || stack.id == "usbsocket" || stack.id == "threaded-nb") {
-      o.pipeBytes = 64 << 10;
-      stream(stack, "/cable:64KiB", o, stack.framed ? 1 : 0);
+  StackOptions o = base;
+  if (stack.id == "threaded") {
+    for (int ring : {4, 64}) {
+      o.ringBytes = ring << 20;
+      stream("/ring:" + std::to_string(ring) + "MiB", o, 0);
     }
+  } else if (stack.id == "nbsec-plain") {
+    stream("/frames:16MiB", o, 256);
+  } else if (stack.id == "framed-fd" || stack.id == "usbsocket" || stack.id == "threaded-nb") {
+    o.pipeBytes = 64 << 10;
+    stream("/cable:64KiB", o, stack.framed ? 1 : 0);
   }
-  for (const Stack& stack : allStacks()) {
-    timing
-        .repeated(add(name("echo", stack, base, ""),
-                      [&stack, base](benchmark::State& state) { echoBench(state, stack, base); }),
-                  0.4)
-        ->UseRealTime();
-  }
-  for (const Stack& stack : allStacks()) {
-    add(name("ping", stack, base, ""),
-        [&stack, base](benchmark::State& state) { pingBench(state, stack, base); })
-        ->UseManualTime()
-        ->Unit(benchmark::kMillisecond)
-        ->MinTime(timing.quick ? 0.01 : 4);
-  }
-  // One polling step of the library as this machine makes it: usleep(1000), usleep(10000).
-  add("step/usleep",
-      [](benchmark::State& state) {
-        timeEach(state, [] {}, [&state] { ::usleep(static_cast<useconds_t>(state.range(0))); });
-      })
-      ->Arg(1000)
-      ->Arg(10000)
+  timing.repeated(add("echo/" + id, [&](benchmark::State& s) { echoBench(s, stack, base); }), 0.4)
+      ->UseRealTime();
+  add("ping/" + id, [&](benchmark::State& s) { pingBench(s, stack, base); })
       ->UseManualTime()
       ->Unit(benchmark::kMillisecond)
-      ->MinTime(timing.quick ? 0.01 : 0.5);
-  for (const Stack& stack : allStacks()) {
-    if (stack.id == "framed-fd" || stack.id == "usbsocket" || stack.id == "threaded" ||
-        stack.id == "threaded-nb" || stack.id == "nbsec-plain") {
-      add(name("idle", stack, base, ""),
-          [&stack, base](benchmark::State& state) { idleBench(state, stack, base); })
-          ->Iterations(1)
-          ->UseManualTime()
-          ->Unit(benchmark::kSecond);
-    }
+      ->MinTime(timing.quick ? 0.01 : 4);
+  if (stack.id != "tcp" && stack.id.find("sm4") == std::string::npos) {
+    add("idle/" + id, [&](benchmark::State& s) { idleBench(s, stack, base); })
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(benchmark::kSecond);
   }
 }
 
@@ -412,15 +377,30 @@ int main(int argc, char** argv) {
   gIdleSeconds = timing.quick ? 0.2 : 5;
   // The library's log lines (opens, closes, thread exits) would bury the figures.
   apache::thrift::GlobalOutput.setOutputFunction([](const char*) {});
-  const StackOptions o;
-  benchmark::AddCustomContext("thrift", THRIFTUSB_THRIFT_VERSION_STRING);
-  benchmark::AddCustomContext("sm4_backend", THRIFTUSB_BENCH_SM4_BACKEND);
-  benchmark::AddCustomContext("pipe_bytes", std::to_string(o.pipeBytes));
-  benchmark::AddCustomContext("block_bytes", std::to_string(o.blockBytes));
-  benchmark::AddCustomContext("ring_bytes", std::to_string(o.ringBytes));
-  benchmark::AddCustomContext("idle_seconds", std::to_string(gIdleSeconds));
-  benchmark::AddCustomContext("quick", timing.quick ? "yes" : "no");
-  registerTransportBenchmarks(timing);
+  const StackOptions base;
+  for (const auto& [key, value] :
+       {std::pair<const char*, std::string>{"thrift", THRIFTUSB_THRIFT_VERSION_STRING},
+        {"sm4_backend", THRIFTUSB_BENCH_SM4_BACKEND},
+        {"pipe_bytes", std::to_string(base.pipeBytes)},
+        {"block_bytes", std::to_string(base.blockBytes)},
+        {"ring_bytes", std::to_string(base.ringBytes)},
+        {"idle_seconds", std::to_string(gIdleSeconds)},
+        {"quick", timing.quick ? "yes" : "no"}}) {
+    benchmark::AddCustomContext(key, value);
+  }
+  for (const Stack& stack : allStacks()) {
+    registerStack(stack, timing, base);
+  }
+  // One polling step of the library as this machine makes it, for the round trips' floor.
+  add("step/usleep",
+      [](benchmark::State& state) {
+        timeEach(state, [] {}, [&state] { ::usleep(static_cast<useconds_t>(state.range(0))); });
+      })
+      ->Arg(1000)
+      ->Arg(10000)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond)
+      ->MinTime(timing.quick ? 0.01 : 0.5);
   registerCipherBenchmarks(timing);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

@@ -1,5 +1,5 @@
-#ifndef THRIFTUSB_BENCH_STACKS_H
-#define THRIFTUSB_BENCH_STACKS_H
+#ifndef THRIFTUSB_BENCH_BENCH_H
+#define THRIFTUSB_BENCH_BENCH_H
 
 #include <cstdint>
 #include <functional>
@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <benchmark/benchmark.h>
 #include <thrift/transport/TTransport.h>
 
 #include <thriftusb/testing/VirtualCable.h>
@@ -78,6 +79,29 @@ Connection connect(const Stack& stack, const StackOptions& options);
 /** The key and initialisation vector of every SM4 cipher of the benchmark. */
 std::string benchKey();
 std::string benchIv();
+
+/** How long each kind of benchmark runs: a full run, or a quick one that only proves it works. */
+struct Timing {
+  bool quick = false;
+
+  /** Repeated runs reported as their median, min and max. */
+  benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* b,
+                                           double seconds) const;
+  /** SM4 alone: five runs of 0.08 s. */
+  benchmark::internal::Benchmark* cipher(benchmark::internal::Benchmark* b) const {
+    return repeated(b, 0.08);
+  }
+};
+
+/**
+ * Registers @p body as the benchmark @p name. A case that throws ends the program
+ * with its name and the error.
+ */
+benchmark::internal::Benchmark* add(const std::string& name,
+                                    std::function<void(benchmark::State&)> body);
+
+/** Registers the SM4 benchmarks ("sm4/..."). */
+void registerCipherBenchmarks(const Timing& timing);
 
 } // namespace bench
 } // namespace thriftusb
