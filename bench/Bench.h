@@ -10,8 +10,6 @@
 #include <benchmark/benchmark.h>
 #include <thrift/transport/TTransport.h>
 
-#include <thriftusb/testing/VirtualCable.h>
-
 namespace thriftusb {
 namespace bench {
 
@@ -63,17 +61,15 @@ struct Stack {
   bool threaded = false; ///< built on TNonblockingUsbSocket: has a Waiting mode
   /** The polling step of its waits, microseconds; 0 when it waits in the kernel. */
   int stepMicros = 0;
-  /** Opens one end on a cable's node pair; empty for TCP, which has no cable. */
-  std::function<Link(const testing::VirtualCable::End&, const StackOptions&)> open;
 };
 
 /** Every stack, anchors first. */
 const std::vector<Stack>& allStacks();
 
-/** A new cable whose FIFOs hold @p pipeBytes each. */
-std::shared_ptr<testing::VirtualCable> makeCable(int pipeBytes);
-
-/** Builds and opens both ends of a new connection through @p stack. */
+/**
+ * Builds and opens both ends of a new connection through @p stack: over a new FIFO
+ * cable, or TCP loopback for "tcp".
+ */
 Connection connect(const Stack& stack, const StackOptions& options);
 
 /** The key and initialisation vector of every SM4 cipher of the benchmark. */
@@ -84,13 +80,9 @@ std::string benchIv();
 struct Timing {
   bool quick = false;
 
-  /** Repeated runs reported as their median, min and max. */
+  /** Five runs of at least @p seconds each, reported as their median, min and max. */
   benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* b,
                                            double seconds) const;
-  /** SM4 alone: five runs of 0.08 s. */
-  benchmark::internal::Benchmark* cipher(benchmark::internal::Benchmark* b) const {
-    return repeated(b, 0.08);
-  }
 };
 
 /**

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <system_error>
-#include <utility>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -19,6 +18,7 @@
 #include <thriftusb/transport/TNonblockingSecurityTransport.h>
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
 #include <thriftusb/transport/TSecurityTransport.h>
+#include <thriftusb/testing/VirtualCable.h>
 #include <thriftusb/transport/TUSBSocket.h>
 #include <thriftusb/transport/TUsbDevice.h>
 
@@ -147,76 +147,67 @@ Connection connectTcp() {
   return c;
 }
 
-std::vector<Stack> makeStacks() {
-  std::vector<Stack> stacks;
-  stacks.push_back({"framed-fd", "TFramedTransport/TFDTransport", true, false, 0,
-                    [](const VirtualCable::End& end, const StackOptions&) {
-                      return both(std::make_shared<TFramedTransport>(
-                          std::make_shared<FdPairTransport>(end)));
-                    }});
-  stacks.push_back({"tcp", "TSocket (TCP loopback)", false, false, 0, nullptr});
-  stacks.push_back({"usbsocket", "TUSBSocket", false, false, 1000,
-                    [](const VirtualCable::End& end, const StackOptions& o) {
-                      return both(openUsbSocket(end, o));
-                    }});
-  for (bool nonblocking : {false, true}) {
-    const std::string suffix = nonblocking ? "-nb" : "";
-    const std::string mode = nonblocking ? "non-blocking mode" : "blocking mode";
-    stacks.push_back({"threaded" + suffix, "TNonblockingUsbSocket (" + mode + ")", false, true,
-                      10000,
-                      [nonblocking](const VirtualCable::End& end, const StackOptions& o) {
-                        return both(openThreaded(end, o, nonblocking));
-                      }});
-    for (bool encrypted : {false, true}) {
-      stacks.push_back(
-          {std::string(encrypted ? "nbsec-sm4" : "nbsec-plain") + suffix,
-           std::string("TNonblockingSecurityTransport ") + (encrypted ? "SM4" : "plain") + " / " +
-               mode,
-           true, true, 10000,
-           [nonblocking, encrypted](const VirtualCable::End& end, const StackOptions& o) {
-             return both(std::make_shared<TNonblockingSecurityTransport>(
-                 openThreaded(end, o, nonblocking), makeCipher(encrypted), encrypted));
-           }});
-    }
+bool has(const std::string& id, const char* part) {
+  return id.find(part) != std::string::npos;
+}
+
+// Opens one end of @p stack on a cable's node pair.
+Link openEnd(const Stack& stack, const VirtualCable::End& end, const StackOptions& o) {
+  if (stack.id == "framed-fd") {
+    return both(std::make_shared<TFramedTransport>(std::make_shared<FdPairTransport>(end)));
   }
-  stacks.push_back({"sec-sm4", "TSecurityTransport SM4 / TUSBSocket", true, false, 1000, [](const VirtualCable::End& end, const StackOptions& o) {
-                      return both(std::make_shared<TSecurityTransport>(openUsbSocket(end, o),
-                                                                       makeCipher(true)));
-                    }});
-  return stacks;
+  if (!stack.threaded) {
+    auto socket = openUsbSocket(end, o);
+    return both(has(stack.id, "sm4") ? std::make_shared<TSecurityTransport>(socket, makeCipher(true))
+                                     : socket);
+  }
+  auto socket = openThreaded(end, o, has(stack.id, "-nb"));
+  if (!has(stack.id, "nbsec")) {
+    return both(socket);
+  }
+  const bool encrypted = has(stack.id, "sm4");
+  return both(std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(encrypted),
+                                                              encrypted));
 }
 
 } // namespace
 
 const std::vector<Stack>& allStacks() {
-  static const std::vector<Stack> stacks = makeStacks();
+  static const std::vector<Stack> stacks = {
+      {"framed-fd", "TFramedTransport/TFDTransport", true, false, 0},
+      {"tcp", "TSocket (TCP loopback)", false, false, 0},
+      {"usbsocket", "TUSBSocket", false, false, 1000},
+      {"threaded", "TNonblockingUsbSocket (blocking mode)", false, true, 10000},
+      {"nbsec-plain", "TNonblockingSecurityTransport plain / blocking mode", true, true, 10000},
+      {"nbsec-sm4", "TNonblockingSecurityTransport SM4 / blocking mode", true, true, 10000},
+      {"threaded-nb", "TNonblockingUsbSocket (non-blocking mode)", false, true, 10000},
+      {"nbsec-plain-nb", "TNonblockingSecurityTransport plain / non-blocking mode", true, true,
+       10000},
+      {"nbsec-sm4-nb", "TNonblockingSecurityTransport SM4 / non-blocking mode", true, true, 10000},
+      {"sec-sm4", "TSecurityTransport SM4 / TUSBSocket", true, false, 1000},
+  };
   return stacks;
 }
 
-std::shared_ptr<VirtualCable> makeCable(int pipeBytes) {
+Connection connect(const Stack& stack, const StackOptions& options) {
+  if (stack.id == "tcp") {
+    return connectTcp();
+  }
   auto cable = std::make_shared<VirtualCable>();
-  // The size belongs to the pipe, which the cable keeps alive: set it through a
-  // descriptor of our own.
+  // The size belongs to the pipe, which the cable keeps alive: set through a descriptor
+  // of our own.
   for (const std::string& path : {cable->host().readPath, cable->host().writePath}) {
     const int fd = openNode(path, O_RDWR);
-    const int result = ::fcntl(fd, F_SETPIPE_SZ, pipeBytes);
+    const int result = ::fcntl(fd, F_SETPIPE_SZ, options.pipeBytes);
     ::close(fd);
     if (result < 0) {
       failErrno("cannot size " + path);
     }
   }
-  return cable;
-}
-
-Connection connect(const Stack& stack, const StackOptions& options) {
-  if (!stack.open) {
-    return connectTcp();
-  }
-  auto cable = makeCable(options.pipeBytes);
   Connection c;
   c.medium = cable;
-  c.device = stack.open(cable->device(), options);
-  c.host = stack.open(cable->host(), options);
+  c.device = openEnd(stack, cable->device(), options);
+  c.host = openEnd(stack, cable->host(), options);
   return c;
 }
 

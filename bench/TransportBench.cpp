@@ -16,12 +16,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -31,8 +28,8 @@
 
 #include <thriftusb/util/ThriftVersion.h>
 
-#include "Gadget.h"
 #include "Bench.h"
+#include "Gadget.h"
 
 namespace thriftusb {
 namespace bench {
@@ -131,10 +128,11 @@ private:
   std::thread thread_;
 };
 
+// The nearest-rank percentile @p p of @p values, which holds at least one.
 double percentile(std::vector<double> values, double p) {
-  std::sort(values.begin(), values.end());
-  const auto rank = static_cast<size_t>(std::ceil(p / 100 * static_cast<double>(values.size())));
-  return values.empty() ? NAN : values[std::max<size_t>(rank, 1) - 1];
+  const auto rank = std::max<size_t>(1, static_cast<size_t>(std::ceil(p / 100 * values.size())));
+  std::nth_element(values.begin(), values.begin() + rank - 1, values.end());
+  return values[rank - 1];
 }
 
 // The host writes 64 KiB blocks (framed stacks flush a frame every @p blocksPerFlush),
