@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
 # The soak, in one command: builds the soak program and runs it at full length
-# (about 20 minutes on a 2-core machine):
+# (most of an hour on a 2-core machine: each host's calls go one after another):
 #   - 1 GiB each way through the encrypted stack, checksummed at both ends;
-#   - 10 000 connect/disconnect cycles against one server, with constant thread and
-#     descriptor counts;
-#   - 100 000 small calls, with no error.
+#   - 10 000 hosts that connect, call and disconnect in turn against one server,
+#     making 100 000 small calls in all, with no error and constant thread and
+#     descriptor counts.
 # Each part prints a "soak:" line with its figures. Exits non-zero on any failure.
 #
 #   scripts/soak.sh                  the full soak
 #   THRIFTUSB_SOAK_BYTES=... THRIFTUSB_SOAK_CYCLES=... THRIFTUSB_SOAK_CALLS=...
-#                                    other amounts (CTest runs 32 MiB, 200, 2000)
+#                                    other amounts (CTest runs 32 MiB, 100, 500)
 #   THRIFTUSB_SOAK_BUILD_DIR=...     another build directory (default build/soak)
 set -uo pipefail
 
