@@ -4,6 +4,8 @@ results.md (tables: each figure, what it is compared with, the ratio, the machin
 its load) and throughput.png (bulk throughput by stack, drawn by gnuplot).
 
 usage: bench-report.py RESULTS.json OUT_DIR [--command=TEXT] [--seconds=N]
+                      [--load-after=TEXT]   (the run's command, its length and
+                                             /proc/loadavg when it ended, for the header)
 """
 import json, os, platform, random, re, subprocess, sys
 
@@ -189,25 +191,24 @@ class Report:
                      "Both ends open in one process, the device's end waiting for a call.", ""]
         self.table(["Stack", "window s", "CPU % of one core", "context switches per s"], rows)
 
-    def header(self, command, seconds):
-        c = self.context
-        cpu = "unknown CPU"
+    def taken(self):
+        """When and where the run was taken (the report is made on the same machine)."""
+        c, cpu = self.context, "unknown CPU"
         try:
             with open("/proc/cpuinfo") as f:
                 cpu = next(l.split(":", 1)[1].strip() for l in f if l.startswith("model name"))
         except (OSError, StopIteration):
             pass
-        try:
-            with open("/proc/loadavg") as f:
-                after = f.read().strip()
-        except OSError:
-            after = "-"
+        return "Taken %s on %s (%d cores), Linux %s" % (
+            c["date"][:16].replace("T", " "), cpu, c["num_cpus"], platform.release())
+
+    def header(self, command, seconds, after):
+        c = self.context
         before = " ".join("%.2f" % v for v in c.get("load_avg", []))
         self.out += [
             "# thriftusb benchmark results", "",
-            "Taken %s on %s (%d cores), Linux %s." % (c["date"][:16].replace("T", " "), cpu,
-                                                    c["num_cpus"], platform.release()), "",
-            "- Load average before the run: `%s`; after: `%s`" % (before, after),
+            self.taken() + ".", "",
+            "- Load average before the run: `%s`; after: `%s`" % (before, after or "-"),
             "- Thrift %s; %s; libgcrypt %s; Sm4Cipher backend: %s" % (
                 c.get("thrift"), c.get("openssl"), c.get("libgcrypt", "-"), c.get("sm4_backend")),
             "- Cable: two FIFOs of %s bytes of kernel buffer each, a fresh pair per case; "
@@ -234,7 +235,7 @@ class Report:
             for sid, n in names:
                 v = [self.get(n), self.get(n + "/frames:1MiB"), self.get("echo/" + n[7:])]
                 f.write("\t".join([self.label(n)] + ["-" if x is None else "%g" % x for x in v]) + "\n")
-        taken = "%s, %s" % (self.context["date"][:10], self.context.get("host_name", ""))
+        taken = self.taken()
         png = os.path.join(out_dir, "throughput.png")
         script = PLOT % {"height": 220 + 42 * len(names), "png": png, "taken": taken,
                          "n": len(names), "data": data, "usb3": USB3}
@@ -274,7 +275,7 @@ def main():
     if len(args) != 2:
         sys.exit(__doc__)
     report = Report(*load(args[0]))
-    report.header(opts.get("command"), opts.get("seconds"))
+    report.header(opts.get("command"), opts.get("seconds"), opts.get("load-after"))
     report.throughput("Bulk throughput: one-way stream of 64 KiB writes", "stream")
     report.throughput("Bulk throughput: the framed stacks with 1 MiB frames (16 writes per "
                       "flush)", "stream", "/frames:1MiB")

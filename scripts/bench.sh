@@ -55,7 +55,8 @@ command=("$(rel "$build")/bench/thriftusb_bench" "--benchmark_out=$(rel "$out")/
   --benchmark_out_format=json "${args[@]+"${args[@]}"}")
 run_start=$(date +%s)
 (cd "$root" && "${command[@]}")
+load_after="$(cat /proc/loadavg)"
 
-python3 "$root/scripts/bench-report.py" "$out/results.json" "$out" \
-  --command="${command[*]}" --seconds="$(( $(date +%s) - run_start ))"
+python3 "$root/scripts/bench-report.py" "$out/results.json" "$out" --command="${command[*]}" \
+  --seconds="$(( $(date +%s) - run_start ))" --load-after="$load_after"
 echo "bench.sh: done in $(( $(date +%s) - start )) s"
