@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <cstdio>
-#include <functional>
-#include <initializer_list>
+#include <algorithm>
+#include <sstream>
 #include <string>
 
 #include <fcntl.h>
@@ -18,110 +18,73 @@ using apache::thrift::transport::TCupsDevice;
 using namespace thriftusb::test;
 
 // Every case runs in a child process set up as CUPS sets up a filter: descriptor 3 is
-// the read end of a pipe (the back channel, fed by the test) and standard output is a
-// pipe that the test reads. A read that blocks or spins inside libcups makes the
-// child miss its time limit, which fails the case instead of stalling the run; and
-// the test program's own descriptor 3 and standard output are never touched.
+// the read end of a pipe (the back channel) and standard output is a pipe that the
+// test reads. A read that blocks or spins inside libcups makes the child miss its
+// time limit, which fails the case instead of stalling the run; and the test
+// program's own descriptor 3 and standard output are never touched.
 
 namespace {
 
 constexpr unsigned kBlock = 4;
 
-/** What descriptor 3 of the child is: a pipe that holds "abcdef" or nothing, ... */
-struct BackChannel {
-  bool sent;
-  bool ended = false;    ///< ...whose printer side is closed,
-  bool blocking = false; ///< ...without O_NONBLOCK,
-  bool closed = false;   ///< or no descriptor at all.
-};
+// What descriptor 3 of the child is: a pipe holding "abcdef" (whose printer side
+// stays open, or is closed), an idle pipe (non-blocking or blocking), or nothing.
+enum class Back { Data, Ended, Idle, BlockingIdle, None };
 
-/** The child's side: the channel under test and the far end of its standard output. */
-struct Filter {
-  TCupsDevice device{false, kBlock, kBlock};
-  int stdoutPeer = -1;
-
-  /** What has left the process through standard output since the last call. */
-  std::string printed() {
-    ::fcntl(stdoutPeer, F_SETFL, O_NONBLOCK);
-    std::string bytes;
-    char chunk[256];
-    for (ssize_t n; (n = ::read(stdoutPeer, chunk, sizeof chunk)) > 0;) {
-      bytes.append(chunk, static_cast<size_t>(n));
-    }
-    return bytes;
-  }
-  /** One read() of @p len: the bytes, or the result when it is not positive. */
-  std::string read(unsigned len) {
-    unsigned char buf[64] = {};
-    const auto start = std::chrono::steady_clock::now();
-    const int64_t got = device.read(buf, len);
-    const bool late = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(100);
-    return (got > 0 ? std::string(reinterpret_cast<char*>(buf), static_cast<size_t>(got))
-                    : std::to_string(got)) +
-           (late ? " (late)" : "");
-  }
-  std::string write(const std::string& bytes) {
-    return std::to_string(device.write(reinterpret_cast<const unsigned char*>(bytes.data()),
-                                       static_cast<unsigned>(bytes.size())));
-  }
-  std::string open() { return std::to_string(device.open()); }
-  std::string close() { return std::to_string(device.close()); }
-  std::string flush() { return std::to_string(device.flush()); }
-  std::string isOpen() { return device.isOpen() ? "open" : "closed"; }
-};
-
-void setUpBackChannel(const BackChannel& kind) {
+void setUpBackChannel(Back kind) {
   int ends[2];
   if (::pipe(ends) != 0) {
     ::_exit(101);
   }
-  if (kind.sent) {
+  if (kind == Back::Data || kind == Back::Ended) {
     writeAll(ends[1], "abcdef");
   }
-  if (kind.ended) {
+  if (kind == Back::Ended) {
     ::close(ends[1]); // otherwise the printer's end stays open: idle is not the end
   }
   if (ends[0] != 3) {
     ::dup2(ends[0], 3);
     ::close(ends[0]);
   }
-  if (kind.closed) {
+  if (kind == Back::None) {
     ::close(3);
-  } else if (!kind.blocking) {
+  } else if (kind != Back::BlockingIdle) {
     ::fcntl(3, F_SETFL, O_NONBLOCK);
   }
 }
 
-/** Runs @p body in a child set up as a filter; what it reports, or "hung". */
-std::string runAsFilter(const BackChannel& backChannel,
-                        const std::function<std::string(Filter&)>& body) {
-  return reportFromChild([&] {
-    setUpBackChannel(backChannel);
-    int out[2];
-    if (::pipe(out) != 0) {
-      return std::string("no pipe");
+// Runs @p script, steps separated by spaces, on a new channel and reports each step's
+// result, joined by "|": o open, c close, f flush, F fflush(stdout), rN read N bytes
+// (the bytes, or the result when not positive, marked when it took over 100 ms),
+// wBYTES write, p what has left through standard output (read from @p stdoutPeer).
+std::string run(const std::string& script, int stdoutPeer) {
+  TCupsDevice device(false, kBlock, kBlock);
+  std::istringstream steps(script);
+  std::string report, step;
+  while (steps >> step) {
+    const std::string arg = step.substr(1);
+    unsigned char buf[64] = {};
+    const auto start = std::chrono::steady_clock::now();
+    int64_t got = 0;
+    switch (step[0]) {
+      case 'o': got = device.open(); break;
+      case 'c': got = device.close(); break;
+      case 'f': got = device.flush(); break;
+      case 'F': got = std::fflush(stdout); break;
+      case 'w':
+        got = device.write(reinterpret_cast<const unsigned char*>(arg.data()), unsigned(arg.size()));
+        break;
+      case 'r': got = device.read(buf, unsigned(std::stoi(arg))); break;
+      default: got = ::read(stdoutPeer, buf, sizeof buf); break;
     }
-    ::dup2(out[1], STDOUT_FILENO);
-    ::close(out[1]);
-    // Fully buffered, as in a filter under cupsd, also when the test runs on a terminal.
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
-    Filter filter;
-    filter.stdoutPeer = out[0];
-    return body(filter);
-  }, std::chrono::milliseconds(5000));
-}
-
-/** The reports of a case's steps joined by "|"; a braced list runs left to right. */
-std::string steps(std::initializer_list<std::string> reports) {
-  std::string joined;
-  for (const auto& report : reports) {
-    joined += (joined.empty() ? "" : "|") + report;
+    const bool late = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(100);
+    const bool bytes = (step[0] == 'r' && got > 0) || step[0] == 'p';
+    report += (report.empty() ? "" : "|") +
+              (bytes ? std::string(reinterpret_cast<char*>(buf), size_t(std::max<int64_t>(got, 0)))
+                     : std::to_string(got)) +
+              (late ? " (late)" : "");
   }
-  return joined;
-}
-
-std::string threeReads(Filter& f) {
-  return steps({f.open(), f.read(kBlock), f.read(kBlock), f.read(kBlock)});
+  return report;
 }
 
 } // namespace
@@ -129,54 +92,41 @@ std::string threeReads(Filter& f) {
 TEST(TCupsDeviceTest, ReadsPollWritesWaitForFlushAndOnlyAnOpenChannelMovesBytes) {
   const struct {
     const char* name;
-    BackChannel backChannel;
-    std::function<std::string(Filter&)> body;
+    Back back;
+    const char* script;
     std::string expected;
   } cases[] = {
       // Whatever descriptor 3 is, a read comes back at once: bytes when the printer sent
       // some, else 0, also where libcups itself would block (a blocking descriptor) or
       // spin (no descriptor).
-      {"data waiting", {true}, threeReads, "0|abcd|ef|0"},
-      {"nothing waiting", {false}, threeReads, "0|0|0|0"},
-      {"end of data", {true, true}, threeReads, "0|abcd|ef|0"},
-      {"blocking, data waiting", {true, false, true}, threeReads, "0|abcd|ef|0"},
-      {"blocking, nothing waiting", {false, false, true}, threeReads, "0|0|0|0"},
-      {"descriptor 3 closed", {false, false, false, true}, threeReads, "0|0|0|0"},
-      {"block sizes bound reads and writes", {true},
-       [](Filter& f) {
-         return steps({f.open(), f.read(kBlock + 1), f.write("12345"), f.read(kBlock),
-                       f.write("abcd"), f.flush(), f.printed()});
-       },
+      {"data waiting", Back::Data, "o r4 r4 r4", "0|abcd|ef|0"},
+      {"end of data", Back::Ended, "o r4 r4 r4", "0|abcd|ef|0"},
+      {"nothing waiting", Back::Idle, "o r4 r4", "0|0|0"},
+      {"blocking, nothing waiting", Back::BlockingIdle, "o r4 r4", "0|0|0"},
+      {"descriptor 3 closed", Back::None, "o r4 r4", "0|0|0"},
+      {"block sizes bound reads and writes", Back::Data, "o r5 w12345 r4 wabcd f p",
        "0|-1|-1|abcd|4|0|abcd"},
       // Written bytes stay in standard output's buffer until flush(); close() leaves
-      // them there for the stream's next flush.
-      {"flush", {false},
-       [](Filter& f) {
-         return steps({f.open(), f.write("abc"), f.printed(), f.flush(), f.printed()});
-       },
-       "0|3||0|abc"},
-      {"close does not flush", {false},
-       [](Filter& f) {
-         return steps({f.open(), f.write("abc"), f.close(), f.printed(),
-                       std::to_string(std::fflush(stdout)), f.printed()});
-       },
-       "0|3|0||0|abc"},
-      // Closed (new, or after close()): reads and writes are refused without touching
-      // either stream; open, close, open leaves it usable.
-      {"new channel", {true},
-       [](Filter& f) {
-         return steps({f.isOpen(), f.read(kBlock), f.write("ab"), f.flush(), f.printed()});
-       },
-       "closed|-1|-1|0|"},
-      {"open, close, open", {true},
-       [](Filter& f) {
-         return steps({f.open(), f.close(), f.isOpen(), f.read(kBlock), f.write("xy"),
-                       f.open(), f.isOpen(), f.read(kBlock), f.write("ab"), f.flush(),
-                       f.printed()});
-       },
-       "0|0|closed|-1|-1|0|open|abcd|2|0|ab"},
+      // them there for the stream's next flush. Closed (new, or after close()), reads
+      // and writes are refused without touching either stream; open again, it works.
+      {"flush", Back::Idle, "wab o wabc p f p", "-1|0|3||0|abc"},
+      {"close, open", Back::Data, "o wabc c p F p r4 wxy o r4 wab f p",
+       "0|3|0||0|abc|-1|-1|0|abcd|2|0|ab"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(runAsFilter(c.backChannel, c.body), c.expected) << c.name;
+    const std::string report = reportFromChild([&] {
+      setUpBackChannel(c.back);
+      int out[2];
+      if (::pipe(out) != 0) {
+        return std::string("no pipe");
+      }
+      ::dup2(out[1], STDOUT_FILENO);
+      ::close(out[1]);
+      ::fcntl(out[0], F_SETFL, O_NONBLOCK);
+      // Fully buffered, as in a filter under cupsd, also when the test runs on a terminal.
+      std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+      return run(c.script, out[0]);
+    }, std::chrono::milliseconds(5000));
+    EXPECT_EQ(report, c.expected) << c.name;
   }
 }
