@@ -55,8 +55,8 @@ struct Connection {
 
 /** One stack the benchmarks run through. */
 struct Stack {
-  std::string id;    ///< short name in the benchmark names, e.g. "usbsocket"
-  std::string label; ///< name in the report
+  std::string id;        ///< short name in the benchmark names, e.g. "usbsocket"
+  std::string label;     ///< name in the report
   bool framed = false;   ///< sends a frame per flush
   bool threaded = false; ///< built on TNonblockingUsbSocket: has a Waiting mode
   /** The polling step of its waits, microseconds; 0 when it waits in the kernel. */
@@ -73,16 +73,17 @@ const std::vector<Stack>& allStacks();
 Connection connect(const Stack& stack, const StackOptions& options);
 
 /** The key and initialisation vector of every SM4 cipher of the benchmark. */
-std::string benchKey();
-std::string benchIv();
+inline const std::string
+    kBenchKey("\x01\x23\x45\x67\x89\xab\xcd\xef\xfe\xdc\xba\x98\x76\x54\x32\x10", 16);
+inline const std::string
+    kBenchIv("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16);
 
 /** How long each kind of benchmark runs: a full run, or a quick one that only proves it works. */
 struct Timing {
   bool quick = false;
 
   /** Five runs of at least @p seconds each, reported as their median, min and max. */
-  benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* b,
-                                           double seconds) const;
+  benchmark::internal::Benchmark* repeated(benchmark::internal::Benchmark* b, double seconds) const;
 };
 
 /**

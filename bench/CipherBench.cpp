@@ -26,8 +26,8 @@ using Run = std::function<void(const Bytes& in, Bytes& out)>;
 
 // SM4 is steady: short runs suffice.
 constexpr double kCipherSeconds = 0.08;
-const std::string kKey = benchKey();
-const std::string kIv = benchIv();
+const std::string& kKey = kBenchKey;
+const std::string& kIv = kBenchIv;
 const auto* kKeyBytes = reinterpret_cast<const uint8_t*>(kKey.data());
 const auto* kIvBytes = reinterpret_cast<const uint8_t*>(kIv.data());
 
@@ -43,8 +43,8 @@ Run sm4Cipher(std::shared_ptr<Sm4Cipher> cipher, bool decrypt) {
 }
 
 Run evp(bool cbc, bool decrypt) {
-  std::shared_ptr<EVP_CIPHER> cipher(EVP_CIPHER_fetch(nullptr, cbc ? "SM4-CBC" : "SM4-ECB", nullptr),
-                                     EVP_CIPHER_free);
+  std::shared_ptr<EVP_CIPHER> cipher(
+      EVP_CIPHER_fetch(nullptr, cbc ? "SM4-CBC" : "SM4-ECB", nullptr), EVP_CIPHER_free);
   std::shared_ptr<EVP_CIPHER_CTX> ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
   if (!cipher || !ctx) {
     throw std::runtime_error("OpenSSL offers no SM4");
@@ -52,8 +52,8 @@ Run evp(bool cbc, bool decrypt) {
   // A fresh initialisation per buffer, as Sm4Cipher makes it.
   return [cipher, ctx, cbc, decrypt](const Bytes& in, Bytes& out) {
     int written = 0;
-    EVP_CipherInit_ex2(ctx.get(), cipher.get(), kKeyBytes, cbc ? kIvBytes : nullptr, decrypt ? 0 : 1,
-                       nullptr);
+    EVP_CipherInit_ex2(ctx.get(), cipher.get(), kKeyBytes, cbc ? kIvBytes : nullptr,
+                       decrypt ? 0 : 1, nullptr);
     EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
     EVP_CipherUpdate(ctx.get(), out.data(), &written, in.data(), static_cast<int>(in.size()));
   };
@@ -80,7 +80,7 @@ Run gcrypt(bool cbc, bool decrypt) {
       gcry_cipher_setiv(owner.get(), kIvBytes, kIv.size());
     }
     (decrypt ? gcry_cipher_decrypt : gcry_cipher_encrypt)(owner.get(), out.data(), in.size(),
-                                                         in.data(), in.size());
+                                                          in.data(), in.size());
   };
 }
 #endif
@@ -104,8 +104,8 @@ void cipherBench(benchmark::State& state, const Run& run, const Bytes& in, const
 void registerCipherBenchmarks(const Timing& timing) {
   benchmark::AddCustomContext("openssl", OpenSSL_version(OPENSSL_VERSION));
   for (bool cbc : {false, true}) {
-    auto cipher = std::make_shared<Sm4Cipher>(kKey, cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB,
-                                              cbc ? kIv : "");
+    auto cipher = std::make_shared<Sm4Cipher>(
+        kKey, cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB, cbc ? kIv : "");
     for (size_t n : {size_t{1} << 10, size_t{64} << 10, size_t{1} << 20}) {
       Bytes plain(n);
       for (size_t i = 0; i < n; ++i) {
@@ -120,12 +120,11 @@ void registerCipherBenchmarks(const Timing& timing) {
         // Sm4Cipher pads; the direct calls work on the whole blocks.
         auto bench = [&](const std::string& implementation, Run run, bool padded) {
           const Bytes& sealedIn = padded ? sealed : whole;
-          timing.repeated(add("sm4/" + implementation + suffix,
-                            [run, in = decrypt ? sealedIn : plain,
-                             expected = decrypt ? plain : whole](benchmark::State& state) {
-                              cipherBench(state, run, in, expected);
-                            }),
-                        kCipherSeconds);
+          timing.repeated(
+              add("sm4/" + implementation + suffix,
+                  [run, in = decrypt ? sealedIn : plain, expected = decrypt ? plain : whole](
+                      benchmark::State& state) { cipherBench(state, run, in, expected); }),
+              kCipherSeconds);
         };
         bench("Sm4Cipher", sm4Cipher(cipher, decrypt), true);
         bench("OpenSSL", evp(cbc, decrypt), false);
@@ -134,11 +133,13 @@ void registerCipherBenchmarks(const Timing& timing) {
 #endif
         if (cbc && !decrypt && n == 64 << 10) {
           // One object serving every thread, as it may.
-          timing.repeated(add("sm4/Sm4Cipher-shared" + suffix,
-                            [run = sm4Cipher(cipher, false), plain, whole](benchmark::State& state) {
-                              cipherBench(state, run, plain, whole);
-                            }),
-                          kCipherSeconds)
+          timing
+              .repeated(
+                  add("sm4/Sm4Cipher-shared" + suffix,
+                      [run = sm4Cipher(cipher, false), plain, whole](benchmark::State& state) {
+                        cipherBench(state, run, plain, whole);
+                      }),
+                  kCipherSeconds)
               ->Threads(1)
               ->Threads(2)
               ->UseRealTime();

@@ -33,14 +33,6 @@ void Connection::close() {
   host.transport->close();
 }
 
-std::string benchKey() {
-  return std::string("\x01\x23\x45\x67\x89\xab\xcd\xef\xfe\xdc\xba\x98\x76\x54\x32\x10", 16);
-}
-
-std::string benchIv() {
-  return std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16);
-}
-
 namespace {
 
 [[noreturn]] void failErrno(const std::string& what) {
@@ -94,7 +86,7 @@ public:
 constexpr int kReserved = 0;
 
 std::shared_ptr<Sm4Cipher> makeCipher(bool encrypted) {
-  return encrypted ? std::make_shared<Sm4Cipher>(benchKey(), Sm4Cipher::Mode::CBC, benchIv())
+  return encrypted ? std::make_shared<Sm4Cipher>(kBenchKey, Sm4Cipher::Mode::CBC, kBenchIv)
                    : nullptr;
 }
 
@@ -109,8 +101,8 @@ std::shared_ptr<TTransport> openThreaded(const VirtualCable::End& end, const Sta
                                          bool nonblocking) {
   auto device = std::make_shared<FifoUsbDevice>(end.readPath, end.writePath, nonblocking,
                                                 o.blockBytes, o.blockBytes);
-  auto socket = std::make_shared<TNonblockingUsbSocket>(device, o.timeoutMs, o.timeoutMs,
-                                                        o.ringBytes);
+  auto socket =
+      std::make_shared<TNonblockingUsbSocket>(device, o.timeoutMs, o.timeoutMs, o.ringBytes);
   socket->open();
   return socket;
 }
@@ -158,16 +150,17 @@ Link openEnd(const Stack& stack, const VirtualCable::End& end, const StackOption
   }
   if (!stack.threaded) {
     auto socket = openUsbSocket(end, o);
-    return both(has(stack.id, "sm4") ? std::make_shared<TSecurityTransport>(socket, makeCipher(true))
-                                     : socket);
+    return both(has(stack.id, "sm4")
+                    ? std::make_shared<TSecurityTransport>(socket, makeCipher(true))
+                    : socket);
   }
   auto socket = openThreaded(end, o, has(stack.id, "-nb"));
   if (!has(stack.id, "nbsec")) {
     return both(socket);
   }
   const bool encrypted = has(stack.id, "sm4");
-  return both(std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(encrypted),
-                                                              encrypted));
+  return both(
+      std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(encrypted), encrypted));
 }
 
 } // namespace

@@ -42,9 +42,8 @@ benchmark::internal::Benchmark* Timing::repeated(benchmark::internal::Benchmark*
   return b->MinTime(seconds)
       ->Repetitions(5)
       ->ReportAggregatesOnly()
-      ->ComputeStatistics("min", [](const std::vector<double>& v) {
-        return *std::min_element(v.begin(), v.end());
-      })
+      ->ComputeStatistics(
+          "min", [](const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); })
       ->ComputeStatistics("max", [](const std::vector<double>& v) {
         return *std::max_element(v.begin(), v.end());
       });
@@ -394,7 +393,8 @@ int main(int argc, char** argv) {
   // One polling step of the library as this machine makes it, for the round trips' floor.
   add("step/usleep",
       [](benchmark::State& state) {
-        timeEach(state, [] {}, [&state] { ::usleep(static_cast<useconds_t>(state.range(0))); });
+        timeEach(
+            state, [] {}, [&state] { ::usleep(static_cast<useconds_t>(state.range(0))); });
       })
       ->Arg(1000)
       ->Arg(10000)
