@@ -72,7 +72,8 @@ std::string run(const std::string& script, int stdoutPeer) {
       case 'f': got = device.flush(); break;
       case 'F': got = std::fflush(stdout); break;
       case 'w':
-        got = device.write(reinterpret_cast<const unsigned char*>(arg.data()), unsigned(arg.size()));
+        got = device.write(reinterpret_cast<const unsigned char*>(arg.data()),
+                           unsigned(arg.size()));
         break;
       case 'r': got = device.read(buf, unsigned(std::stoi(arg))); break;
       default: got = ::read(stdoutPeer, buf, sizeof buf); break;
