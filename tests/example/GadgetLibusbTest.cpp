@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <thrift/protocol/TBinaryProtocol.h>
@@ -21,7 +21,7 @@
 #include "Gadget.h"
 #include "GadgetHandler.h"
 #include "support/Bounded.h"
-#include "support/ChildProcess.h"
+#include "support/ForkedChild.h"
 
 using apache::thrift::protocol::TBinaryProtocol;
 using namespace thriftusb::example;
@@ -49,13 +49,15 @@ TEST(GadgetOverLibusb, ClientProgramCallsTheServiceFoundBySerialAndInterface) {
     const char* value = std::getenv(name);
     return std::string(name) + "=" + (value ? value : "") + ":";
   };
-  ChildProcess client({"/usr/bin/env", "LD_PRELOAD=libumockdev-preload.so.0",
-                       options("ASAN_OPTIONS") + "verify_asan_link_order=0",
-                       options("TSAN_OPTIONS") + "suppressions=" + dir.file("tsan.supp"),
-                       USB_LIBUSB_CLIENT_PROGRAM, "--serial", "0042", "1209:0001", "ff:00"});
-  const int status = client.waitFor();
+  const std::string asan = options("ASAN_OPTIONS") + "verify_asan_link_order=0";
+  const std::string tsan = options("TSAN_OPTIONS") + "suppressions=" + dir.file("tsan.supp");
+  const std::string ran = reportFromChild([&] {
+    ::execl("/usr/bin/env", "env", "LD_PRELOAD=libumockdev-preload.so.0", asan.c_str(), tsan.c_str(),
+            USB_LIBUSB_CLIENT_PROGRAM, "--serial", "0042", "1209:0001", "ff:00", nullptr);
+    return std::string("cannot start the program");
+  });
   device.unplug();
   gadget.join();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "wait status " << status;
+  EXPECT_EQ(ran, "") << "the program did not exit with 0";
   EXPECT_NE(serverLog.str().find("server: echo(20 bytes)"), std::string::npos) << serverLog.str();
 }

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -17,7 +16,6 @@
 #include <thrift/transport/TTransportException.h>
 
 #include <thriftusb/testing/EmulatedUsbBus.h>
-#include <thriftusb/testing/TempDir.h>
 #include <thriftusb/testing/VirtualCable.h>
 
 #include "BlockingLink.h"
@@ -26,7 +24,7 @@
 #include "LibusbLink.h"
 #include "ThreadedLink.h"
 #include "support/Bounded.h"
-#include "support/ChildProcess.h"
+#include "support/ForkedChild.h"
 #include "support/FdIo.h"
 #include "support/Resources.h"
 
@@ -42,9 +40,6 @@ namespace {
 
 // Room for a loaded machine (and a sanitizer) on top of every time-out.
 constexpr auto kMargin = 1500ms;
-
-[[maybe_unused]] const ::testing::Environment* const kFirstThread =
-    ::testing::AddGlobalTestEnvironment(new FirstThreadEnvironment);
 
 // How the call under a fault ended, timed from the fault.
 struct Ended {
@@ -80,20 +75,21 @@ Ended underFault(const std::function<void()>& call, const std::function<void()>&
 template <typename Link>
 Ended peerKilled() {
   VirtualCable cable;
-  TempDir dir;
-  const auto device = cable.device();
-  const std::string gotRequest = dir.file("got-request");
-  ChildProcess peer({"/bin/sh", "-c", "exec 4>\"$2\"; head -c1 \"$1\" >/dev/null; : >\"$3\"; "
-                                      "exec sleep 60",
-                     "sh", device.readPath, device.writePath, gotRequest});
+  const std::string toGadget = cable.device().readPath, fromGadget = cable.device().writePath;
   Link link(cable.host().readPath, cable.host().writePath);
   GadgetClient gadget(link.protocol);
   link.transport->open();
+  // The gadget's process holds its nodes, takes a byte of the request and is killed.
+  PeerThread peer([&] {
+    EXPECT_EQ(reportFromChild([&] {
+      ::execl("/bin/sh", "sh", "-c", "exec 4>\"$2\"; head -c1 \"$1\" >/dev/null; kill -9 $$", "sh",
+              toGadget.c_str(), fromGadget.c_str(), nullptr);
+      return std::string("no shell");
+    }), "died, wait status " + std::to_string(SIGKILL));
+  });
   const Ended ended = underFault([&] { gadget.ping(); }, [&] {
-    ASSERT_TRUE(waitUntil([&] { return std::filesystem::exists(gotRequest); }));
+    peer.join();
     cable.unplug();
-    peer.kill(SIGKILL);
-    peer.waitFor();
   });
   link.transport->close();
   return ended;

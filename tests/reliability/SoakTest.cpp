@@ -37,9 +37,6 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-[[maybe_unused]] const ::testing::Environment* const kFirstThread =
-    ::testing::AddGlobalTestEnvironment(new FirstThreadEnvironment);
-
 uint64_t setting(const char* name, uint64_t shortRun) {
   const char* value = std::getenv(name);
   return value != nullptr && *value != '\0' ? std::strtoull(value, nullptr, 10) : shortRun;

@@ -30,8 +30,7 @@ inline std::string frameOf(const std::string& payload, const std::shared_ptr<Sm4
   if (cipher) {
     body.assign((payload.size() & ~size_t{15}) + 16, '\0');
     long length = static_cast<long>(body.size());
-    cipher->encrypt(u8(payload), static_cast<long>(payload.size()),
-                    reinterpret_cast<unsigned char*>(&body[0]), &length);
+    cipher->encrypt(u8(payload), static_cast<long>(payload.size()), u8(body), &length);
   }
   return header(static_cast<uint32_t>(body.size())) + body;
 }

@@ -1,13 +1,21 @@
 #ifndef THRIFTUSB_TESTS_SUPPORT_FDIO_H
 #define THRIFTUSB_TESTS_SUPPORT_FDIO_H
 
-#include <chrono>
+#include <cerrno>
+#include <filesystem>
+#include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <thriftusb/testing/VirtualCable.h>
+
+#include "support/Bounded.h"
 
 namespace thriftusb {
 namespace test {
@@ -15,39 +23,32 @@ namespace test {
 /** A descriptor closed on destruction. */
 class UniqueFd {
 public:
-  UniqueFd() = default;
-  explicit UniqueFd(int fd) : fd_(fd) {}
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
   ~UniqueFd() { reset(); }
-  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset(other.release());
-    }
-    return *this;
-  }
-
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
   int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
+  void reset() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
     fd_ = -1;
-    return fd;
   }
-  void reset(int fd = -1);
 
 private:
-  int fd_ = -1;
+  int fd_;
 };
 
-/**
- * Opens @p path with @p flags (O_CLOEXEC added).
- * @throws std::system_error when it cannot be opened
- */
-UniqueFd openFd(const std::string& path, int flags);
+/** Opens @p path with @p flags and O_CLOEXEC; throws std::system_error when it cannot. */
+inline UniqueFd openFd(const std::string& path, int flags) {
+  const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) {
+    throw std::system_error(errno, std::generic_category(), "open " + path);
+  }
+  return UniqueFd(fd);
+}
 
-/**
- * The test's own descriptors facing one end of a virtual cable, both non-blocking:
- * `in` reads what that end writes, `out` writes what it reads.
- */
+/** The test's non-blocking descriptors facing one end of a cable: `in` reads what it writes. */
 struct CablePeer {
   explicit CablePeer(const thriftusb::testing::VirtualCable::End& facing)
     : in(openFd(facing.writePath, O_RDONLY | O_NONBLOCK)),
@@ -56,26 +57,65 @@ struct CablePeer {
   UniqueFd out;
 };
 
-/** Bound of every wait on a peer's descriptor in the tests. */
-constexpr std::chrono::milliseconds kIoLimit{5000};
-
 /**
- * Writes all of @p bytes to @p fd, waiting with poll() while it is full.
- * @throws std::runtime_error when it is not done within @p limit.
+ * Moves @p count bytes at @p data through @p fd with @p io (::read or ::write), waiting
+ * with poll() for @p events while it is not ready; throws at end of data, on an error,
+ * or when not done within @p limit.
  */
-void writeAll(int fd, const std::string& bytes, std::chrono::milliseconds limit = kIoLimit);
+template <typename Data, typename Io>
+void moveAll(int fd, short events, Data* data, size_t count, std::chrono::milliseconds limit,
+             Io io) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + limit;
+  for (size_t done = 0; done < count;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd ready{fd, events, 0};
+    if (left <= 0 || ::poll(&ready, 1, static_cast<int>(left)) == 0) {
+      throw std::runtime_error("peer descriptor not ready in time");
+    }
+    const ssize_t n = io(fd, data + done, count - done);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+    } else if (n == 0 && events == POLLIN) {
+      throw std::runtime_error("end of data after " + std::to_string(done) + " bytes");
+    } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+      throw std::system_error(errno, std::generic_category(), "peer descriptor");
+    }
+  }
+}
 
-/**
- * Reads exactly @p count bytes from @p fd, waiting with poll().
- * @throws std::runtime_error on end of data or when not done within @p limit.
- */
-std::string readExactly(int fd, size_t count, std::chrono::milliseconds limit = kIoLimit);
+inline void writeAll(int fd, const std::string& bytes, std::chrono::milliseconds limit = kPeerLimit) {
+  moveAll(fd, POLLOUT, bytes.data(), bytes.size(), limit, ::write);
+}
+
+inline std::string readExactly(int fd, size_t count, std::chrono::milliseconds limit = kPeerLimit) {
+  std::string out(count, '\0');
+  moveAll(fd, POLLIN, &out[0], count, limit, ::read);
+  return out;
+}
 
 /** The descriptors this process has open now. */
-std::set<int> openDescriptors();
+inline std::set<int> openDescriptors() {
+  std::set<int> listed, open;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    listed.insert(std::stoi(entry.path().filename().string()));
+  }
+  for (int fd : listed) { // without the one the listing used, closed by now
+    if (::fcntl(fd, F_GETFD) != -1) {
+      open.insert(fd);
+    }
+  }
+  return open;
+}
 
 /** Descriptors in @p after that are not in @p before. */
-std::set<int> newDescriptors(const std::set<int>& before, const std::set<int>& after);
+inline std::set<int> newDescriptors(const std::set<int>& before, std::set<int> after) {
+  for (int fd : before) {
+    after.erase(fd);
+  }
+  return after;
+}
 
 /** The descriptors that @p open leaves open that were not open before it ran. */
 template <typename Open>
@@ -85,11 +125,15 @@ std::set<int> descriptorsOpenedBy(Open&& open) {
   return newDescriptors(before, openDescriptors());
 }
 
-/** The access mode and O_NONBLOCK flag (F_GETFL) of each of @p fds, one entry per descriptor. */
-std::multiset<int> accessModes(const std::set<int>& fds);
-
 /** @p count bytes of a repeatable pseudo-random sequence chosen by @p seed. */
-std::string patternBytes(size_t count, unsigned seed = 1);
+inline std::string patternBytes(size_t count, unsigned seed = 1) {
+  std::mt19937 random(seed);
+  std::string out(count, '\0');
+  for (auto& c : out) {
+    c = static_cast<char>(random() & 0xff);
+  }
+  return out;
+}
 
 } // namespace test
 } // namespace thriftusb
