@@ -20,6 +20,7 @@
 #include "support/Bounded.h"
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
+#include "support/Resources.h"
 
 using apache::thrift::transport::TLibusbDevice;
 using namespace thriftusb::test;
@@ -69,8 +70,7 @@ protected:
 
 TEST_F(LibusbBus, DeviceAndInterfaceSearchTakesTheFirstMatchAndSelectsNothing) {
   EmulatedUsbDevice* devices[] = {
-      &bus_.add(gadget(1, "XX-ab-1")), &bus_.add(gadget(1, "XX-AB-2")),
-      &bus_.add(gadget(2)), // no serial number string
+      &bus_.add(gadget(1, "XX-AB-1")), &bus_.add(gadget(2)), // the second without a serial number
       // A setting with bulk IN but an interrupt OUT, then a complete one.
       &bus_.add(gadget(3, "", {{vendorSetting(0, {{0x81}, {0x01, 3}}),
                                 vendorSetting(1, {{0x83}, {0x04}})}})),
@@ -92,23 +92,22 @@ TEST_F(LibusbBus, DeviceAndInterfaceSearchTakesTheFirstMatchAndSelectsNothing) {
     unsigned interface = 0;
     uint8_t in = 0, out = 0;
   } cases[] = {
-      {1, "AB", 0xff, 0x01, 0x42, "", 0, 0x81, 0x02}, // the serial: a case-sensitive substring
-      {0, "aB", 0xff, 0x01, 0x42, noDevice},          {2, "A", 0xff, 0x01, 0x42, noDevice},
-      {2, nullptr, 0x1ff, 0x01, 0x42, "", 0, 0x81, 0x02}, // only the low bytes are compared
-      {2, "", 0xff, 0x101, 0x00, "", 0, 0x81, 0x02},      // protocol 0 accepts any
-      {2, "", 0xff, 0x01, 0x43, noInterface},
-      {2, "", 0xfe, 0x01, 0x00, noInterface},
-      {3, "", 0xff, 0x01, 0x42, "", 1, 0x83, 0x04},
-      {4, "", 0xff, 0x01, 0x42, "", 0, 0x83, 0x02},
-      {5, "", 0xff, 0x01, 0x42, "", 2, 0x85, 0x06},
-      {6, "", 0xff, 0x01, 0x42, "", 0, 0x87, 0x08},
+      {0, "AB", 0xff, 0x01, 0x42, "", 0, 0x81, 0x02}, // the serial: a case-sensitive substring
+      {0, "aB", 0xff, 0x01, 0x42, noDevice},          {1, "A", 0xff, 0x01, 0x42, noDevice},
+      {1, nullptr, 0x1ff, 0x01, 0x42, "", 0, 0x81, 0x02}, // only the low bytes are compared
+      {1, "", 0xff, 0x101, 0x00, "", 0, 0x81, 0x02},      // protocol 0 accepts any
+      {1, "", 0xff, 0x01, 0x43, noInterface},
+      {1, "", 0xfe, 0x01, 0x00, noInterface},
+      {2, "", 0xff, 0x01, 0x42, "", 1, 0x83, 0x04},
+      {3, "", 0xff, 0x01, 0x42, "", 0, 0x83, 0x02},
+      {4, "", 0xff, 0x01, 0x42, "", 2, 0x85, 0x06},
+      {5, "", 0xff, 0x01, 0x42, "", 0, 0x87, 0x08},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.device) + " " + std::to_string(c.cls));
     EmulatedUsbDevice& device = *devices[c.device];
     log_.clear();
-    const auto product = static_cast<uint16_t>(std::max<size_t>(c.device, 1)); // 0 and 1 share 1
-    auto ch = channel(product, c.serial, false, c.cls, c.subClass, c.protocol);
+    auto ch = channel(uint16_t(c.device + 1), c.serial, false, c.cls, c.subClass, c.protocol);
     if (!c.line.empty()) {
       EXPECT_EQ(ch->open(), -1);
       EXPECT_EQ(log_.lines(), Lines{c.line});
@@ -165,10 +164,9 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
     log_.clear();
     auto ch = channel(product, "", true);
     if (c.line != nullptr) {
-      const auto before = openDescriptors();
+      const Resources before = Resources::now();
       EXPECT_EQ(ch->open(), -1);
-      EXPECT_TRUE(waitUntil([&] { return openDescriptors() == before; }, std::chrono::seconds(2)))
-          << "a failed open left descriptors open";
+      EXPECT_TRUE(backTo(before));
       EXPECT_EQ(log_.lines(), Lines{c.line});
       device.failIoctl(c.request, 0); // the second open starts afresh
     }
