@@ -30,15 +30,16 @@ struct Outcome {
   int error;
 };
 
-// What the spy knows; never destroyed, as the interposers may run while the program exits.
+// What the spy knows, reset by each spy's end.
 struct State {
-  std::mutex mutex;
   std::set<int> fds;
   std::map<Sys, std::deque<Outcome>> script;
   std::vector<std::pair<Sys, size_t>> calls;
-  std::vector<std::pair<std::string, int>> opens;
+  std::map<std::string, std::vector<int>> opens;
   bool virtualTime = false;
 };
+// Never destroyed, as the interposers may run while the program exits.
+std::mutex& mutex = *new std::mutex;
 State& s = *new State;
 
 template <typename Fn>
@@ -46,28 +47,24 @@ Fn next(const char* name) {
   return reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, name));
 }
 
-// Runs one interposed call on @p fd: a scripted outcome replaces it, otherwise the
-// real function runs; a call on a watched descriptor is recorded.
+// Runs one interposed call on @p fd: a call on a watched descriptor is recorded, and a
+// scripted outcome replaces it; otherwise the real function runs, outside the lock.
 template <typename Real>
 long steer(Sys kind, int fd, size_t length, Real real) {
-  if (!spying) {
-    return real();
+  if (spying) {
+    std::lock_guard<std::mutex> lock(mutex);
+    auto& queue = s.script[kind];
+    if (s.fds.count(fd) != 0) {
+      s.calls.emplace_back(kind, length);
+      if (!queue.empty()) {
+        const Outcome outcome = queue.front();
+        queue.pop_front();
+        errno = outcome.error;
+        return outcome.value;
+      }
+    }
   }
-  std::unique_lock<std::mutex> lock(s.mutex);
-  if (s.fds.count(fd) == 0) {
-    lock.unlock();
-    return real();
-  }
-  s.calls.emplace_back(kind, length);
-  auto& queue = s.script[kind];
-  if (queue.empty()) {
-    lock.unlock();
-    return real();
-  }
-  const Outcome outcome = queue.front();
-  queue.pop_front();
-  errno = outcome.error;
-  return outcome.error != 0 ? -1 : outcome.value;
+  return real();
 }
 
 } // namespace
@@ -79,32 +76,28 @@ SyscallSpy::SyscallSpy() {
 }
 
 SyscallSpy::~SyscallSpy() {
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.fds.clear();
-  s.script.clear();
-  s.calls.clear();
-  s.opens.clear();
-  s.virtualTime = false;
+  std::lock_guard<std::mutex> lock(mutex);
+  s = State{};
   spying = false;
 }
 
 void SyscallSpy::watch(const std::set<int>& fds) {
-  std::lock_guard<std::mutex> lock(s.mutex);
+  std::lock_guard<std::mutex> lock(mutex);
   s.fds.insert(fds.begin(), fds.end());
 }
 
 void SyscallSpy::script(Sys call, long value, int error, int times) {
-  std::lock_guard<std::mutex> lock(s.mutex);
+  std::lock_guard<std::mutex> lock(mutex);
   s.script[call].insert(s.script[call].end(), static_cast<size_t>(times), Outcome{value, error});
 }
 
 void SyscallSpy::setVirtualTime(bool on) {
-  std::lock_guard<std::mutex> lock(s.mutex);
+  std::lock_guard<std::mutex> lock(mutex);
   s.virtualTime = on;
 }
 
 std::vector<size_t> SyscallSpy::lengths(Sys call) const {
-  std::lock_guard<std::mutex> lock(s.mutex);
+  std::lock_guard<std::mutex> lock(mutex);
   std::vector<size_t> out;
   for (const auto& [kind, length] : s.calls) {
     if (kind == call) {
@@ -114,20 +107,9 @@ std::vector<size_t> SyscallSpy::lengths(Sys call) const {
   return out;
 }
 
-void SyscallSpy::clearCalls() {
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.calls.clear();
-}
-
 std::vector<int> SyscallSpy::openFlags(const std::string& path) const {
-  std::lock_guard<std::mutex> lock(s.mutex);
-  std::vector<int> flags;
-  for (const auto& [opened, with] : s.opens) {
-    if (opened == path) {
-      flags.push_back(with);
-    }
-  }
-  return flags;
+  std::lock_guard<std::mutex> lock(mutex);
+  return s.opens[path];
 }
 
 } // namespace test
@@ -161,8 +143,8 @@ extern "C" int open(const char* path, int flags, ...) {
   const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
   va_end(args);
   if (spy::spying) {
-    std::lock_guard<std::mutex> lock(spy::s.mutex);
-    spy::s.opens.emplace_back(path, flags);
+    std::lock_guard<std::mutex> lock(spy::mutex);
+    spy::s.opens[path].push_back(flags);
   }
   return real(path, flags, mode);
 }
@@ -170,7 +152,7 @@ extern "C" int open(const char* path, int flags, ...) {
 extern "C" int usleep(useconds_t micros) {
   static const auto real = spy::next<int (*)(useconds_t)>("usleep");
   if (spy::spying) {
-    std::lock_guard<std::mutex> lock(spy::s.mutex);
+    std::lock_guard<std::mutex> lock(spy::mutex);
     spy::s.calls.emplace_back(Sys::Usleep, micros);
     if (spy::s.virtualTime) {
       spy::clockOffsetNanos += 1000LL * micros;

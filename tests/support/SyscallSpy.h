@@ -30,16 +30,14 @@ public:
   SyscallSpy& operator=(const SyscallSpy&) = delete;
 
   void watch(const std::set<int>& fds);
-  /** The next @p times calls of @p call return @p value, or -1 with errno @p error when set. */
-  void script(Sys call, long value, int error, int times = 1);
+  /** The next @p times calls of @p call return @p value with errno @p error, doing nothing. */
+  void script(Sys call, long value, int error = 0, int times = 1);
   void failNext(Sys call, int error, int times = 1) { script(call, -1, error, times); }
-  void returnNext(Sys call, long value) { script(call, value, 0); }
   void setVirtualTime(bool on);
 
   /** The bytes asked for by each recorded call of @p call (microseconds for usleep). */
   std::vector<size_t> lengths(Sys call) const;
   size_t count(Sys call) const { return lengths(call).size(); }
-  void clearCalls();
   /** The flags of every open() of @p path while the spy lived, in order. */
   std::vector<int> openFlags(const std::string& path) const;
 };

@@ -21,14 +21,7 @@ using namespace thriftusb::testing;
 using Lines = std::vector<std::string>;
 
 namespace {
-
 constexpr unsigned kBlock = 16;
-
-// The line logged when the @p call system call fails with @p error.
-std::string failed(const std::string& call, int error) {
-  return "Failed to " + call + " " + std::strerror(error) + ".";
-}
-
 } // namespace
 
 class TUsbDeviceModes : public ::testing::TestWithParam<bool> {};
@@ -116,7 +109,8 @@ TEST_P(TUsbDeviceTransfer, OneSystemCallUpToTheBlockSize) {
   EXPECT_EQ(spy.lengths(c.read ? Sys::Read : Sys::Write),
             c.len > kBlock ? std::vector<size_t>{} : std::vector<size_t>{c.len});
   const bool logged = c.error != 0 && c.error != EAGAIN;
-  EXPECT_EQ(log.lines(), logged ? Lines{failed(c.read ? "read" : "write", c.error)} : Lines{});
+  const std::string line = std::string("Failed to ") + (c.read ? "read " : "write ") + std::strerror(c.error) + ".";
+  EXPECT_EQ(log.lines(), logged ? Lines{line} : Lines{});
   if (c.result > 0) {
     EXPECT_EQ(c.read ? std::string(buf.begin(), buf.begin() + c.result)
                      : readExactly(peer.in.get(), static_cast<size_t>(c.result)),
