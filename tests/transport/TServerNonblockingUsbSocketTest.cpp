@@ -140,9 +140,7 @@ TEST(TServerNonblockingUsbSocketOneAtATime, AcceptWaitsForTheConnectionAndInterr
     EXPECT_FALSE(second->isOpen());
     server.listen();
     third = server.accept();
-    writeAll(pty.peerFd(), "x"); // the new connection's reader thread works
-    third->readAll(&byte, 1);
-    EXPECT_EQ(byte, 'x');
+    EXPECT_TRUE(third->isOpen());
   }
   EXPECT_FALSE(third->isOpen()) << "destroying the server closes the transport handed out";
 }
