@@ -38,9 +38,6 @@ using Type = TTransportException::TTransportExceptionType;
 
 namespace {
 
-// Room for a loaded machine (and a sanitizer) on top of every time-out.
-constexpr auto kMargin = 1500ms;
-
 // How the call under a fault ended, timed from the fault.
 struct Ended {
   bool threw = false;
@@ -52,7 +49,7 @@ struct Ended {
 // the call ended. Whether the fault comes before or during the call, it must end it.
 Ended underFault(const std::function<void()>& call, const std::function<void()>& fault) {
   Ended ended;
-  Clock::time_point end;
+  Clock::time_point end, start;
   PeerThread caller([&] {
     try {
       call();
@@ -62,7 +59,7 @@ Ended underFault(const std::function<void()>& call, const std::function<void()>&
     }
     end = Clock::now();
   });
-  const auto start = Clock::now();
+  start = Clock::now();
   fault();
   caller.join(60s);
   ended.after = end - start;
@@ -128,15 +125,15 @@ Ended closedFromAnotherThread() {
   });
 }
 
-// The encrypted threaded host reads @p wire where a frame should come.
-Ended frameOnTheWire(const std::string& wire) {
+// The encrypted threaded host reads a header for 48 bytes of which 20 come.
+Ended frameCutShort() {
   VirtualCable cable;
   ThreadedLink link(cable.host().readPath, cable.host().writePath, false, makeDemoCipher());
   const UniqueFd answers = openFd(cable.device().writePath, O_WRONLY | O_NONBLOCK);
   link.transport->open();
   uint8_t buf[64];
   const Ended ended = underFault([&] { link.transport->read(buf, sizeof buf); },
-                                 [&] { writeAll(answers.get(), wire); });
+                                 [&] { writeAll(answers.get(), std::string("\0\0\0\x30", 4) + patternBytes(20)); });
   link.transport->close();
   return ended;
 }
@@ -167,10 +164,6 @@ struct FaultRow {
   bool countsResources = true;
 };
 
-std::ostream& operator<<(std::ostream& out, const FaultRow& row) {
-  return out << row.name;
-}
-
 class Fault : public ::testing::TestWithParam<FaultRow> {};
 
 TEST_P(Fault, EndsTheCallWithItsExceptionInTimeAndLeavesNothingBehind) {
@@ -181,13 +174,11 @@ TEST_P(Fault, EndsTheCallWithItsExceptionInTimeAndLeavesNothingBehind) {
   EXPECT_TRUE(ended.threw) << "the call returned";
   EXPECT_EQ(ended.type, row.type);
   EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(ended.after).count(),
-            (row.within + kMargin).count());
+            (row.within + 1500ms).count()); // room for a loaded machine and a sanitizer
   if (row.countsResources) {
     EXPECT_TRUE(backTo(before));
   }
 }
-
-const std::string kHeaderOf48 = std::string("\0\0\0\x30", 4);
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, Fault,
@@ -203,10 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
                  TTransportException::INTERRUPTED, 0ms},
         // A header for 48 bytes of which 20 come: the socket's read time-out, not the
         // frames' 300 s wait for a frame.
-        FaultRow{"FrameCutShort", [] { return frameOnTheWire(kHeaderOf48 + patternBytes(20)); },
-                 TTransportException::TIMED_OUT, std::chrono::milliseconds(kHostTimeoutMs)},
-        FaultRow{"NegativeFrameSize", [] { return frameOnTheWire("\xff\xff\xff\xff"); },
-                 TTransportException::UNKNOWN, 0ms},
+        FaultRow{"FrameCutShort", frameCutShort, TTransportException::TIMED_OUT, std::chrono::milliseconds(kHostTimeoutMs)},
         FaultRow{"GadgetUnpluggedThroughLibusb", gadgetUnplugged, TTransportException::INTERRUPTED,
                  0ms, false}),
     [](const auto& info) { return std::string(info.param.name); });
