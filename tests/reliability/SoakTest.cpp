@@ -49,10 +49,6 @@ std::pair<size_t, size_t> counts() {
   return {now.threads.size(), now.fds.size()};
 }
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 // The example's server on the device's end of a cable, serving until destroyed; the
 // handler's log of every call goes nowhere.
 struct GadgetOnCable {
@@ -76,27 +72,22 @@ TEST(Soak, EncryptedEchoCarriesEveryByteThereAndBack) {
   const uint64_t total = setting("THRIFTUSB_SOAK_BYTES", 32ULL << 20);
   constexpr uint64_t kChunk = 256 << 10;
   Watchdog watchdog(std::chrono::seconds(60 + 2 * (total >> 20)), "encrypted echo");
-  const auto cipher = makeDemoCipher();
-  GadgetOnCable gadget(cipher);
-  ThreadedLink host(gadget.cable.host().readPath, gadget.cable.host().writePath, false, cipher);
+  GadgetOnCable gadget(makeDemoCipher());
+  ThreadedLink host(gadget.cable.host().readPath, gadget.cable.host().writePath, false,
+                    makeDemoCipher());
   GadgetClient client(host.protocol);
   host.transport->open();
   const auto start = Clock::now();
-  uint64_t wrong = 0;
   for (uint64_t done = 0, call = 0; done < total; done += kChunk, ++call) {
     const std::string data = patternBytes(std::min(kChunk, total - done), static_cast<unsigned>(call));
     std::string back;
     client.echo(back, data);
-    wrong += back != data;
+    ASSERT_EQ(back, data) << "echo " << call << " came back different";
   }
-  const double took = secondsSince(start);
-  Stats stats;
-  client.stats(stats);
+  const std::chrono::duration<double> took = Clock::now() - start;
   host.transport->close();
-  EXPECT_EQ(wrong, 0u) << "echoes that came back different";
-  EXPECT_EQ(static_cast<uint64_t>(stats.bytesEchoed), total);
-  std::cout << "soak: encrypted echo: " << total << " bytes each way in " << took << " s, "
-            << 2.0 * static_cast<double>(total) / (1 << 20) / took << " MiB/s over the cable"
+  std::cout << "soak: encrypted echo: " << total << " bytes each way in " << took.count() << " s, "
+            << 2.0 * static_cast<double>(total) / (1 << 20) / took.count() << " MiB/s over the cable"
             << std::endl;
 }
 
@@ -131,5 +122,5 @@ TEST(Soak, HostsComingAndGoingKeepThreadsAndDescriptorsConstant) {
     }
   }
   std::cout << "soak: hosts coming and going: " << cycles << " hosts, " << cycles * callsEach
-            << " calls in " << secondsSince(start) << " s" << std::endl;
+            << " calls in " << std::chrono::duration<double>(Clock::now() - start).count() << " s\n";
 }
