@@ -9,249 +9,165 @@
 // crash, a sanitizer report or a byte that did not arrive, is a finding.
 //
 // Layout:
-//   config  1 byte  bits 0-1: 0 TSecurityTransport, 1 TNonblockingSecurityTransport
+//   config  1 byte  bits 0-1: 0 TSecurityTransport, 1 or 3 TNonblockingSecurityTransport
 //                   encrypted, 2 the same plain; bit 2: maximum frame size 64 instead
 //                   of 65536; bit 3: reclaim threshold 64 instead of never
 //   W       1 byte  payloads the sender writes first (W & 15), each a 2-byte length
 //                   L (L % 4097) and L bytes
-//   K       1 byte  then K bytes: the most each read of the inner transport gives; 0 is
-//                   an idle poll (no data yet) for the polling transport, 1 otherwise
+//   K       1 byte  then K bytes: the most each read of the inner transport gives (0
+//                   gives 1)
 //   M       1 byte  then M bytes: lengths of the reads on the transport under test
 //                   (v gives v + 1, 255 gives 65536)
 //   tail    rest    raw bytes after the sender's frames
 
-#include <algorithm>
 #include <cstring>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <thrift/transport/TBufferTransports.h>
-#include <thrift/transport/TTransportException.h>
-#include <thrift/transport/TVirtualTransport.h>
 
 #include <thriftusb/transport/TNonblockingSecurityTransport.h>
 #include <thriftusb/transport/TSecurityTransport.h>
 
-#include <unistd.h>
-
 #include "FuzzInput.h"
 
-using apache::thrift::transport::TNonblockingSecurityTransport;
-using apache::thrift::transport::TSecurityTransport;
-using apache::thrift::transport::TBufferBase;
-using apache::thrift::transport::TTransportException;
-using Type = TTransportException::TTransportExceptionType;
-using namespace thriftusb::fuzz;
-
-// The polling transport sleeps 10 ms between idle polls of its inner transport. Here
-// an idle poll is one fuzzed split, so the sleeps are made instant; their number is
-// bounded by the idle budget below, far from the 300 s frame wait.
-extern "C" int usleep(useconds_t) {
-  return 0;
-}
+using namespace apache::thrift::transport;
 
 namespace {
 
-const char* const kExhausted = "fuzz wire exhausted";
 const char* const kNoMoreData = "No more data to read.";
+
+struct Config {
+  bool polling, encrypted;
+  uint32_t maxFrame, reclaim;
+};
 
 // The inner transport. At the end of the wire the polling kind's read() throws, as a
 // threaded transport's read time-out would; the waiting kind's gives 0 bytes, as
 // TUSBSocket's peer hanging up would. readAll() gives all bytes asked for, or throws.
-class Wire : public apache::thrift::transport::TVirtualTransport<Wire> {
-public:
-  Wire(std::string bytes, std::string splits, bool polling)
-    : bytes_(std::move(bytes)), splits_(std::move(splits)), polling_(polling) {}
+struct Wire : TVirtualTransport<Wire> {
+  Wire(std::string b, std::string s, bool p) : bytes(std::move(b)), splits(std::move(s)), polling(p) {}
 
   uint32_t read(uint8_t* buf, uint32_t len) {
-    if (pos_ == bytes_.size() && polling_) {
-      throw TTransportException(TTransportException::END_OF_FILE, kExhausted);
-    }
-    size_t split = nextSplit();
-    if (split == 0 && polling_ && idleBudget_ > 0) {
-      --idleBudget_;
-      return 0;
-    }
-    return take(buf, std::min<size_t>(len, std::max<size_t>(split, 1)));
+    return polling || pos < bytes.size() ? take(buf, len) : 0;
   }
 
   uint32_t readAll(uint8_t* buf, uint32_t len) {
-    for (uint32_t got = 0; got < len;) {
-      if (pos_ == bytes_.size()) {
-        throw TTransportException(TTransportException::END_OF_FILE, kNoMoreData);
-      }
-      got += take(buf + got, std::min<size_t>(len - got, std::max<size_t>(nextSplit(), 1)));
+    for (uint32_t got = 0; got < len; got += take(buf + got, len - got)) {
     }
     return len;
   }
 
-  void write(const uint8_t* buf, uint32_t len) { bytes_.append(reinterpret_cast<const char*>(buf), len); }
-  bool isOpen() const override { return true; }
-  const std::string& bytes() const { return bytes_; }
-
-private:
-  size_t nextSplit() {
-    return splits_.empty() ? bytes_.size()
-                           : static_cast<uint8_t>(splits_[splitIndex_++ % splits_.size()]);
-  }
-
+  // At most one fuzzed split (at least a byte) of what is left, or the end of the wire.
   uint32_t take(uint8_t* buf, size_t want) {
-    const size_t n = std::min(want, bytes_.size() - pos_);
-    std::memcpy(buf, bytes_.data() + pos_, n);
-    pos_ += n;
+    if (pos == bytes.size()) {
+      throw TTransportException(TTransportException::END_OF_FILE, kNoMoreData);
+    }
+    const size_t split = splits.empty() ? want : static_cast<uint8_t>(splits[splitIndex++ % splits.size()]);
+    const size_t n = std::min({want, std::max<size_t>(split, 1), bytes.size() - pos});
+    std::memcpy(buf, bytes.data() + pos, n);
+    pos += n;
     return static_cast<uint32_t>(n);
   }
 
-  std::string bytes_, splits_;
-  bool polling_;
-  size_t pos_ = 0, splitIndex_ = 0;
-  int idleBudget_ = 64;
+  std::string bytes, splits;
+  bool polling;
+  size_t pos = 0, splitIndex = 0;
 };
 
-// One frame attempt on the wire: a frame's payload, or the error its header or the
-// wire's end gives.
-struct Event {
-  bool frame;
-  std::string payload;
-  Type type;
-  std::string message;
-};
-
-// Decodes @p wire as the format prescribes: a signed big-endian length, checked for
-// sign, maximum and (encrypted) whole cipher blocks before the body is touched; a
-// failed check leaves the wire just behind the header.
-std::vector<Event> referenceDecode(const std::string& wire, bool encrypted, bool polling,
-                                   int64_t maxFrame) {
-  std::vector<Event> events;
-  auto error = [&](Type type, const char* message) {
-    events.push_back({false, {}, type, message});
+// Walks @p wire as the frame format prescribes (a signed big-endian length, checked for
+// sign, maximum and, encrypted, whole cipher blocks before the body is touched; a failed
+// check leaves the wire just behind the header) and checks that reads through @p t give
+// the same: each frame's payload, in pieces of the fuzzed lengths, never a byte past a
+// frame's end; each bad header's or early end's exception.
+void check(TBufferBase& t, const std::string& wire, const Config& c, const std::string& readLengths) {
+  size_t pos = 0, index = 0;
+  uint32_t len = 0;
+  std::vector<uint8_t> buf(65536);
+  auto read = [&] {
+    const uint8_t v = readLengths.empty() ? 63 : readLengths[index++ % readLengths.size()];
+    len = v == 255 ? 65536u : v + 1u;
+    return t.read(buf.data(), len);
   };
-  for (size_t pos = 0; pos < wire.size();) {
-    if (wire.size() - pos < 4) {
-      // The waiting transport's read gives 0 for the rest of a header, the polling
-      // transport's inner readAll throws.
-      error(TTransportException::END_OF_FILE,
-            polling ? kNoMoreData : "No more data to read after partial frame header.");
-      break;
+  auto fails = [&](TTransportException::TTransportExceptionType type, const char* message) {
+    try {
+      read();
+      FUZZ_CHECK(!"a read that must fail gave bytes");
+    } catch (const TTransportException& e) {
+      FUZZ_CHECK(e.getType() == type && std::strcmp(message, e.what()) == 0);
     }
+  };
+  while (wire.size() - pos >= 4) {
     int32_t n = 0;
     for (int i = 0; i < 4; ++i) {
       n = static_cast<int32_t>(static_cast<uint32_t>(n) << 8 | static_cast<uint8_t>(wire[pos++]));
     }
     if (n < 0) {
-      error(TTransportException::UNKNOWN, "Frame size has negative value");
-    } else if (n > maxFrame) {
-      error(TTransportException::CORRUPTED_DATA, "Received an oversized frame");
-    } else if (encrypted && (n == 0 || n % 16 != 0)) {
-      error(TTransportException::CORRUPTED_DATA, "Received an invalid encrypt size frame");
+      fails(TTransportException::UNKNOWN, "Frame size has negative value");
+    } else if (n > static_cast<int64_t>(c.maxFrame)) {
+      fails(TTransportException::CORRUPTED_DATA, "Received an oversized frame");
+    } else if (c.encrypted && (n == 0 || n % 16 != 0)) {
+      fails(TTransportException::CORRUPTED_DATA, "Received an invalid encrypt size frame");
     } else if (wire.size() - pos < static_cast<size_t>(n)) {
-      error(TTransportException::END_OF_FILE, kNoMoreData);
-      break;
+      fails(TTransportException::END_OF_FILE, kNoMoreData);
+      pos = wire.size();
     } else {
-      std::string body = wire.substr(pos, static_cast<size_t>(n));
-      pos += static_cast<size_t>(n);
-      if (encrypted) {
-        std::string plain(body.size(), '\0');
-        long length = static_cast<long>(plain.size());
-        fuzzCipher()->decrypt(reinterpret_cast<const unsigned char*>(body.data()),
-                              static_cast<long>(body.size()),
+      std::string payload = wire.substr(pos, static_cast<size_t>(n)), plain(payload.size(), '\0');
+      pos += payload.size();
+      long length = n;
+      if (c.encrypted) { // a body that does not decrypt gives an empty payload
+        fuzzCipher()->decrypt(reinterpret_cast<const unsigned char*>(payload.data()), n,
                               reinterpret_cast<unsigned char*>(&plain[0]), &length);
-        body = plain.substr(0, static_cast<size_t>(length));
+        payload = plain.substr(0, static_cast<size_t>(length));
       }
-      events.push_back({true, body, TTransportException::UNKNOWN, {}});
+      size_t offset = 0;
+      do { // an empty payload is one read that gives 0
+        const uint32_t got = read();
+        FUZZ_CHECK(got == std::min<size_t>(len, payload.size() - offset));
+        FUZZ_CHECK(std::memcmp(buf.data(), payload.data() + offset, got) == 0);
+        offset += got;
+      } while (offset < payload.size());
     }
   }
-  return events;
+  // The rest of a header: the waiting transport's read gives 0, the polling one's readAll throws.
+  if (pos < wire.size()) {
+    fails(TTransportException::END_OF_FILE, c.polling ? kNoMoreData : "No more data to read after partial frame header.");
+  }
+  FUZZ_CHECK(c.polling || read() == 0);
+  if (c.polling) {
+    fails(TTransportException::END_OF_FILE, kNoMoreData);
+  }
 }
 
-// Reads through @p t what @p events say the wire holds, then the wire's end.
-void decode(TBufferBase& t, const std::vector<Event>& events, const std::string& readLengths,
-            bool polling) {
-  size_t lengthIndex = 0;
-  std::vector<uint8_t> buf(65536);
-  auto read = [&] {
-    const auto v = readLengths.empty()
-                       ? 63
-                       : static_cast<uint8_t>(readLengths[lengthIndex++ % readLengths.size()]);
-    const uint32_t len = v == 255 ? 65536u : v + 1u;
-    return std::make_pair(len, t.read(buf.data(), len));
-  };
-  auto fails = [&](Type type, const std::string& message) {
-    try {
-      read();
-    } catch (const TTransportException& e) {
-      return e.getType() == type && message == e.what();
-    }
-    return false;
-  };
-  for (const Event& event : events) {
-    if (!event.frame) {
-      FUZZ_CHECK(fails(event.type, event.message));
-      continue;
-    }
-    size_t offset = 0;
-    do {
-      const auto [len, got] = read();
-      // What is left of this frame, up to the length asked: never a byte of the next
-      // frame, never one that did not arrive.
-      FUZZ_CHECK(got == std::min<size_t>(len, event.payload.size() - offset));
-      FUZZ_CHECK(std::memcmp(buf.data(), event.payload.data() + offset, got) == 0);
-      offset += got;
-    } while (offset < event.payload.size());
+// A transport of the configured kind over @p inner, read through TBufferBase's inline
+// read so that the exemption in fuzz/CMakeLists.txt applies to it.
+std::shared_ptr<TBufferBase> framed(const Config& c, std::shared_ptr<TTransport> inner) {
+  if (!c.polling) {
+    return std::make_shared<TSecurityTransport>(inner, fuzzCipher(), c.reclaim, c.maxFrame);
   }
-  FUZZ_CHECK(polling ? fails(TTransportException::END_OF_FILE, kExhausted) : read().second == 0);
-}
-
-// A transport of the input's kind over @p inner, read through TBufferBase's inline read
-// so that the exemption in fuzz/CMakeLists.txt applies to it.
-std::shared_ptr<TBufferBase> framed(bool polling, bool encrypted, uint32_t reclaim,
-                                   uint32_t maxFrame, std::shared_ptr<Wire> inner) {
-  if (polling) {
-    return std::make_shared<TNonblockingSecurityTransport>(
-        inner, encrypted ? fuzzCipher() : nullptr, encrypted, reclaim, maxFrame);
-  }
-  return std::make_shared<TSecurityTransport>(inner, fuzzCipher(), reclaim, maxFrame);
+  return std::make_shared<TNonblockingSecurityTransport>(inner, c.encrypted ? fuzzCipher() : nullptr,
+                                                         c.encrypted, c.reclaim, c.maxFrame);
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input in(data, size);
-  const uint8_t config = in.byte();
-  const bool polling = (config & 3) != 0;
-  const bool encrypted = (config & 3) != 2;
-  const uint32_t maxFrame = (config & 4) ? 64 : 65536;
-  const uint32_t reclaim = (config & 8) ? 64 : 0xFFFFFFFF;
+  Input in{data, size};
+  const uint8_t b = in.byte();
+  const Config c{(b & 3) != 0, (b & 3) != 2, b & 4 ? 64u : 65536u, b & 8 ? 64u : 0xFFFFFFFFu};
   std::vector<std::string> payloads(in.byte() & 15);
   for (auto& p : payloads) {
     p = in.bytes(in.u16() % 4097);
   }
-  const std::string splits = in.bytes(in.byte());
-  const std::string readLengths = in.bytes(in.byte());
+  const std::string splits = in.bytes(in.byte()), lengths = in.bytes(in.byte());
 
-  // Each payload written in two pieces (the second may outgrow the write buffer) and
-  // flushed as one frame; the frames decode to the payloads (an empty one sends none).
-  auto sink = std::make_shared<Wire>("", "", false);
-  const auto sender = framed(polling, encrypted, reclaim, maxFrame, sink);
+  // Each payload flushed as one frame (an empty one sends none) by a sender of the same
+  // kind, so that most inputs reach frames that decode; fuzzed bytes follow.
+  auto sink = std::make_shared<TMemoryBuffer>();
+  const auto sender = framed(c, sink);
   for (const auto& p : payloads) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(p.data());
-    const auto half = static_cast<uint32_t>(p.size() / 2);
-    sender->write(bytes, half);
-    sender->write(bytes + half, static_cast<uint32_t>(p.size()) - half);
+    sender->write(reinterpret_cast<const uint8_t*>(p.data()), static_cast<uint32_t>(p.size()));
     sender->flush();
   }
-  payloads.erase(std::remove(payloads.begin(), payloads.end(), std::string()), payloads.end());
-  std::vector<std::string> sent;
-  for (const auto& e : referenceDecode(sink->bytes(), encrypted, polling, 0x7FFFFFFF)) {
-    FUZZ_CHECK(e.frame);
-    sent.push_back(e.payload);
-  }
-  FUZZ_CHECK(sent == payloads);
-
-  const std::string wire = sink->bytes() + in.rest();
-  decode(*framed(polling, encrypted, reclaim, maxFrame, std::make_shared<Wire>(wire, splits, polling)),
-         referenceDecode(wire, encrypted, polling, maxFrame), readLengths, polling);
+  const std::string wire = sink->getBufferAsString() + in.rest();
+  check(*framed(c, std::make_shared<Wire>(wire, splits, c.polling)), wire, c, lengths);
   return 0;
 }

@@ -7,16 +7,14 @@
 // Layout: one byte of settings (bit 0: CBC instead of ECB; bit 1: a negative room),
 // two bytes of room (capped at the body's length plus 48), then the body.
 
-#include <algorithm>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include <thriftusb/cipher/Sm4Cipher.h>
 
 #include "FuzzInput.h"
 
-using namespace thriftusb::fuzz;
+
 
 namespace {
 
@@ -35,9 +33,8 @@ bool filledFrom(const std::vector<unsigned char>& out, long from) {
 }
 
 } // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Input in(data, size);
+  Input in{data, size};
   const uint8_t settings = in.byte();
   const uint16_t roomField = in.u16();
   const std::string body = in.rest();
@@ -49,19 +46,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto out = roomOf(room);
   long outLen = room;
   int rc = cipher->decrypt(in8, inLen, out.data(), &outLen);
-  FUZZ_CHECK(filledFrom(out, room));
-  FUZZ_CHECK(rc == 0 || rc == -1);
+  FUZZ_CHECK(filledFrom(out, room) && (rc == 0 || rc == -1));
   if (rc == 0) {
-    FUZZ_CHECK(inLen > 0 && inLen % 16 == 0);
-    FUZZ_CHECK(outLen >= inLen - 16 && outLen < inLen && outLen <= room);
+    FUZZ_CHECK(inLen > 0 && inLen % 16 == 0 && outLen >= inLen - 16 && outLen < inLen && outLen <= room);
     auto again = roomOf(inLen);
     long againLen = inLen;
     FUZZ_CHECK(cipher->encrypt(out.data(), outLen, again.data(), &againLen) == 0);
     FUZZ_CHECK(againLen == inLen && std::memcmp(again.data(), in8, body.size()) == 0);
   } else {
-    FUZZ_CHECK(outLen == 0);
-    FUZZ_CHECK(std::all_of(out.begin(), out.begin() + std::max(room, 0L),
-                           [](unsigned char c) { return c == kFill || c == 0; }));
+    FUZZ_CHECK(outLen == 0 && std::all_of(out.begin(), out.begin() + std::max(room, 0L),
+                                          [](unsigned char c) { return c == kFill || c == 0; }));
   }
 
   out = roomOf(room);
