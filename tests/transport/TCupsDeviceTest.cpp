@@ -31,9 +31,10 @@ constexpr unsigned kBlock = 4;
 // stays open, or is closed), an idle pipe (non-blocking or blocking), or nothing.
 enum class Back { Data, Ended, Idle, BlockingIdle, None };
 
-void setUpBackChannel(Back kind) {
-  int ends[2];
-  if (::pipe(ends) != 0) {
+// Returns the read end of the pipe that is now standard output.
+int setUpChild(Back kind) {
+  int ends[2], out[2];
+  if (::pipe(ends) != 0 || ::pipe(out) != 0) {
     ::_exit(101);
   }
   if (kind == Back::Data || kind == Back::Ended) {
@@ -42,15 +43,19 @@ void setUpBackChannel(Back kind) {
   if (kind == Back::Ended) {
     ::close(ends[1]); // otherwise the printer's end stays open: idle is not the end
   }
-  if (ends[0] != 3) {
-    ::dup2(ends[0], 3);
+  if (ends[0] != 3 && ::dup2(ends[0], 3) == 3) {
     ::close(ends[0]);
   }
+  ::fcntl(3, F_SETFL, kind == Back::BlockingIdle ? 0 : O_NONBLOCK);
   if (kind == Back::None) {
     ::close(3);
-  } else if (kind != Back::BlockingIdle) {
-    ::fcntl(3, F_SETFL, O_NONBLOCK);
   }
+  ::dup2(out[1], STDOUT_FILENO);
+  ::close(out[1]);
+  ::fcntl(out[0], F_SETFL, O_NONBLOCK);
+  // Fully buffered, as in a filter under cupsd, also when the test runs on a terminal.
+  std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+  return out[0];
 }
 
 // Runs @p script, steps separated by spaces, on a new channel and reports each step's
@@ -62,7 +67,6 @@ std::string run(const std::string& script, int stdoutPeer) {
   std::istringstream steps(script);
   std::string report, step;
   while (steps >> step) {
-    const std::string arg = step.substr(1);
     unsigned char buf[64] = {};
     const auto start = std::chrono::steady_clock::now();
     int64_t got = 0;
@@ -71,11 +75,8 @@ std::string run(const std::string& script, int stdoutPeer) {
       case 'c': got = device.close(); break;
       case 'f': got = device.flush(); break;
       case 'F': got = std::fflush(stdout); break;
-      case 'w':
-        got = device.write(reinterpret_cast<const unsigned char*>(arg.data()),
-                           unsigned(arg.size()));
-        break;
-      case 'r': got = device.read(buf, unsigned(std::stoi(arg))); break;
+      case 'w': got = device.write(buf, unsigned(step.copy(reinterpret_cast<char*>(buf), 63, 1))); break;
+      case 'r': got = device.read(buf, unsigned(std::stoi(step.substr(1)))); break;
       default: got = ::read(stdoutPeer, buf, sizeof buf); break;
     }
     const bool late = std::chrono::steady_clock::now() - start > std::chrono::milliseconds(100);
@@ -91,43 +92,22 @@ std::string run(const std::string& script, int stdoutPeer) {
 } // namespace
 
 TEST(TCupsDeviceTest, ReadsPollWritesWaitForFlushAndOnlyAnOpenChannelMovesBytes) {
-  const struct {
-    const char* name;
-    Back back;
-    const char* script;
-    std::string expected;
-  } cases[] = {
+  const struct { Back back; const char* script; std::string expected; } cases[] = {
       // Whatever descriptor 3 is, a read comes back at once: bytes when the printer sent
       // some, else 0, also where libcups itself would block (a blocking descriptor) or
       // spin (no descriptor).
-      {"data waiting", Back::Data, "o r4 r4 r4", "0|abcd|ef|0"},
-      {"end of data", Back::Ended, "o r4 r4 r4", "0|abcd|ef|0"},
-      {"nothing waiting", Back::Idle, "o r4 r4", "0|0|0"},
-      {"blocking, nothing waiting", Back::BlockingIdle, "o r4 r4", "0|0|0"},
-      {"descriptor 3 closed", Back::None, "o r4 r4", "0|0|0"},
-      {"block sizes bound reads and writes", Back::Data, "o r5 w12345 r4 wabcd f p",
-       "0|-1|-1|abcd|4|0|abcd"},
+      {Back::Data, "o r4 r4 r4", "0|abcd|ef|0"}, {Back::Ended, "o r4 r4 r4", "0|abcd|ef|0"},
+      {Back::Idle, "o r4 r4", "0|0|0"}, {Back::BlockingIdle, "o r4 r4", "0|0|0"},
+      {Back::None, "o r4 r4", "0|0|0"}, {Back::Data, "o r5 w12345 r4 wabcd f p", "0|-1|-1|abcd|4|0|abcd"},
       // Written bytes stay in standard output's buffer until flush(); close() leaves
       // them there for the stream's next flush. Closed (new, or after close()), reads
       // and writes are refused without touching either stream; open again, it works.
-      {"flush", Back::Idle, "wab o wabc p f p", "-1|0|3||0|abc"},
-      {"close, open", Back::Data, "o wabc c p F p r4 wxy o r4 wab f p",
-       "0|3|0||0|abc|-1|-1|0|abcd|2|0|ab"},
+      {Back::Idle, "wab o wabc p f p", "-1|0|3||0|abc"},
+      {Back::Data, "o wabc c p F p r4 wxy o r4 wab f p", "0|3|0||0|abc|-1|-1|0|abcd|2|0|ab"},
   };
   for (const auto& c : cases) {
-    const std::string report = reportFromChild([&] {
-      setUpBackChannel(c.back);
-      int out[2];
-      if (::pipe(out) != 0) {
-        return std::string("no pipe");
-      }
-      ::dup2(out[1], STDOUT_FILENO);
-      ::close(out[1]);
-      ::fcntl(out[0], F_SETFL, O_NONBLOCK);
-      // Fully buffered, as in a filter under cupsd, also when the test runs on a terminal.
-      std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
-      return run(c.script, out[0]);
-    }, std::chrono::milliseconds(5000));
-    EXPECT_EQ(report, c.expected) << c.name;
+    const auto child = [&] { return run(c.script, setUpChild(c.back)); };
+    EXPECT_EQ(reportFromChild(child, std::chrono::milliseconds(5000)), c.expected)
+        << c.script << " on back channel kind " << int(c.back);
   }
 }

@@ -4,21 +4,14 @@
 #include <thriftusb/transport/TLibusbDevice.h>
 #include <thriftusb/testing/EmulatedUsbBus.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 
 #include <gtest/gtest.h>
-#include <libusb.h>
 
 #include "support/Bounded.h"
-#include "support/FdIo.h"
 #include "support/LogCapture.h"
 #include "support/Resources.h"
 
@@ -29,40 +22,26 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-constexpr uint16_t kVendor = 0x1209;
 constexpr unsigned kBlock = 16;
-const Reply kStall{"", -EPIPE};
-const std::string kReadPipe = "*** TLibusbDevice read  pipe error";
-const std::string kWritePipe = "*** TLibusbDevice write  pipe error";
 
-SettingInfo vendorSetting(uint8_t interface, std::vector<EndpointInfo> endpoints,
-                          uint8_t alternate = 0) {
+SettingInfo setting(uint8_t interface, std::vector<EndpointInfo> endpoints, uint8_t alternate = 0) {
   return {interface, alternate, 0xff, 0x01, 0x42, std::move(endpoints)};
 }
 
 DeviceInfo gadget(uint16_t product, std::string serial = "",
-                  std::vector<std::vector<SettingInfo>> configurations = {
-                      {vendorSetting(0, {{0x81}, {0x02}})}}) {
-  return {kVendor, product, std::move(serial), std::move(configurations)};
+                  std::vector<std::vector<SettingInfo>> configs = {{setting(0, {{0x81}, {0x02}})}}) {
+  return {0x1209, product, std::move(serial), std::move(configs)};
 }
 
 // Interface class 0xff, subclass 0x01, protocol 0x42 unless given; 50 ms time-outs.
-std::unique_ptr<TLibusbDevice> channel(uint16_t product, const char* serial = "",
-                                       bool ownContext = false, uint16_t cls = 0xff,
-                                       uint16_t subClass = 0x01, uint16_t protocol = 0x42) {
-  return std::make_unique<TLibusbDevice>(kVendor, product, serial, cls, subClass, protocol, false,
-                                         50, 50, kBlock, kBlock, ownContext);
+std::unique_ptr<TLibusbDevice> channel(uint16_t product, const char* serial = "", bool ownContext = false,
+                                       uint16_t cls = 0xff, uint16_t sub = 0x01, uint16_t protocol = 0x42) {
+  return std::make_unique<TLibusbDevice>(0x1209, product, serial, cls, sub, protocol, false, 50, 50,
+                                         kBlock, kBlock, ownContext);
 }
 
-// The emulation sees a closed descriptor, and closes its end, within milliseconds.
-bool closedAgain(const EmulatedUsbDevice& device) {
-  return waitUntil([&] { return device.observed().openHandles == 0; }, std::chrono::seconds(2));
-}
-
-class LibusbBus : public ::testing::Test {
-protected:
+struct LibusbBus : ::testing::Test {
   Watchdog watchdog_;
-  LogCapture log_;
   EmulatedUsbBus bus_;
 };
 
@@ -72,102 +51,82 @@ TEST_F(LibusbBus, DeviceAndInterfaceSearchTakesTheFirstMatchAndSelectsNothing) {
   EmulatedUsbDevice* devices[] = {
       &bus_.add(gadget(1, "XX-AB-1")), &bus_.add(gadget(2)), // the second without a serial number
       // A setting with bulk IN but an interrupt OUT, then a complete one.
-      &bus_.add(gadget(3, "", {{vendorSetting(0, {{0x81}, {0x01, 3}}),
-                                vendorSetting(1, {{0x83}, {0x04}})}})),
-      &bus_.add(gadget(4, "", {{vendorSetting(0, {{0x81}, {0x83}, {0x02}})}})),
+      &bus_.add(gadget(3, "", {{setting(0, {{0x81}, {0x01, 3}}), setting(1, {{0x83}, {0x04}})}})),
+      &bus_.add(gadget(4, "", {{setting(0, {{0x81}, {0x83}, {0x02}})}})),
       // Mass storage in the active configuration, the wanted interface in the second.
-      &bus_.add(gadget(5, "", {{{0, 0, 0x08, 0x06, 0x50, {{0x81}, {0x02}}}},
-                               {vendorSetting(2, {{0x85}, {0x06}})}})),
+      &bus_.add(gadget(5, "", {{{0, 0, 0x08, 0x06, 0x50, {{0x81}, {0x02}}}}, {setting(2, {{0x85}, {0x06}})}})),
       // Alternate setting 0 without endpoints, 1 with them.
-      &bus_.add(gadget(6, "", {{vendorSetting(0, {}), vendorSetting(0, {{0x87}, {0x08}}, 1)}})),
+      &bus_.add(gadget(6, "", {{setting(0, {}), setting(0, {{0x87}, {0x08}}, 1)}})),
   };
   bus_.initDefaultContext();
   const std::string noDevice = "*** get_device_descriptor failed!";
   const std::string noInterface = "*** get_device_endpoint failed! rv:-2";
   const struct {
-    size_t device; // opened, or looked at and closed again
-    const char* serial;
+    size_t device; const char* serial; // the device is opened, or looked at and closed again
     uint16_t cls, subClass, protocol;
     std::string line; // empty: opened on `interface` with endpoints `in` and `out`
-    unsigned interface = 0;
-    uint8_t in = 0, out = 0;
+    unsigned interface = 0, in = 0, out = 0;
   } cases[] = {
       {0, "AB", 0xff, 0x01, 0x42, "", 0, 0x81, 0x02}, // the serial: a case-sensitive substring
       {0, "aB", 0xff, 0x01, 0x42, noDevice},          {1, "A", 0xff, 0x01, 0x42, noDevice},
       {1, nullptr, 0x1ff, 0x01, 0x42, "", 0, 0x81, 0x02}, // only the low bytes are compared
       {1, "", 0xff, 0x101, 0x00, "", 0, 0x81, 0x02},      // protocol 0 accepts any
-      {1, "", 0xff, 0x01, 0x43, noInterface},
-      {1, "", 0xfe, 0x01, 0x00, noInterface},
-      {2, "", 0xff, 0x01, 0x42, "", 1, 0x83, 0x04},
-      {3, "", 0xff, 0x01, 0x42, "", 0, 0x83, 0x02},
-      {4, "", 0xff, 0x01, 0x42, "", 2, 0x85, 0x06},
-      {5, "", 0xff, 0x01, 0x42, "", 0, 0x87, 0x08},
+      {1, "", 0xff, 0x01, 0x43, noInterface},             {1, "", 0xfe, 0x01, 0x00, noInterface},
+      {2, "", 0xff, 0x01, 0x42, "", 1, 0x83, 0x04},       {3, "", 0xff, 0x01, 0x42, "", 0, 0x83, 0x02},
+      {4, "", 0xff, 0x01, 0x42, "", 2, 0x85, 0x06},       {5, "", 0xff, 0x01, 0x42, "", 0, 0x87, 0x08},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.device) + " " + std::to_string(c.cls));
     EmulatedUsbDevice& device = *devices[c.device];
-    log_.clear();
+    LogCapture log;
     auto ch = channel(uint16_t(c.device + 1), c.serial, false, c.cls, c.subClass, c.protocol);
-    if (!c.line.empty()) {
-      EXPECT_EQ(ch->open(), -1);
-      EXPECT_EQ(log_.lines(), Lines{c.line});
-      EXPECT_TRUE(closedAgain(device));
-      continue;
-    }
     Observed before = device.observed();
-    ASSERT_EQ(ch->open(), 0);
-    EXPECT_EQ(device.observed().claimed, std::vector<unsigned>{c.interface});
-    const unsigned char byte = 'x';
-    unsigned char got[kBlock];
-    device.queue(Pipe::In, {"y"});
-    EXPECT_EQ(ch->write(&byte, 1), 1);
-    EXPECT_EQ(ch->read(got, kBlock), 1);
+    ASSERT_EQ(ch->open(), c.line.empty() ? 0 : -1);
+    EXPECT_EQ(log.lines(), c.line.empty() ? Lines{} : Lines{c.line});
+    if (c.line.empty()) {
+      EXPECT_EQ(device.observed().claimed, std::vector<unsigned>{c.interface});
+      unsigned char buf[kBlock] = {'x'};
+      device.queue(Pipe::In, {"y"});
+      EXPECT_EQ(ch->write(buf, 1) + ch->read(buf, kBlock), 2);
+      Observed now = device.observed(); // one transfer on each endpoint of the interface
+      EXPECT_EQ(now.urbs[c.in] + now.urbs[c.out] - before.urbs[c.in] - before.urbs[c.out], 2);
+    }
     ch->close();
-    Observed after = device.observed();
-    EXPECT_EQ(after.urbs[c.out] - before.urbs[c.out] + after.urbs[c.in] - before.urbs[c.in], 2)
-        << "not one transfer on each endpoint of the interface";
+    Observed after = device.observed(); // nothing selected, nothing left claimed
     EXPECT_EQ(after.ioctls[USBDEVFS_SETCONFIGURATION] + after.ioctls[USBDEVFS_SETINTERFACE], 0);
     EXPECT_TRUE(after.claimed.empty());
+    EXPECT_TRUE(waitUntil([&] { return device.observed().openHandles == 0; }, std::chrono::seconds(2)));
   }
 }
 
 TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen) {
   const struct {
-    const char* name;
-    bool driver;
-    unsigned long request; // fails with `error`
-    int error;
-    const char* line; // null: open succeeds
+    bool driver; unsigned long request; int error; // `request` fails with `error`
+    const char* line;                 // null: open succeeds
   } cases[] = {
-      {"no driver", false, 0, 0, nullptr},
-      {"driver bound", true, 0, 0, nullptr},
-      // No driver support: a detach would fail, so the claim must follow at once.
-      {"driver query fails", false, USBDEVFS_GETDRIVER, EIO, nullptr},
-      {"detach fails", true, USBDEVFS_IOCTL, EPERM,
-       "*** libusb_detach_kernel_driver failed! rv:-99"},
-      {"claim fails", false, USBDEVFS_CLAIMINTERFACE, EBUSY,
-       "*** libusb_claim_interface failed! rv:-6"},
+      // Without driver support (the query fails) a detach would fail: the claim follows at once.
+      {false, 0, 0, nullptr}, {true, 0, 0, nullptr}, {false, USBDEVFS_GETDRIVER, EIO, nullptr},
+      {true, USBDEVFS_IOCTL, EPERM, "*** libusb_detach_kernel_driver failed! rv:-99"},
+      {false, USBDEVFS_CLAIMINTERFACE, EBUSY, "*** libusb_claim_interface failed! rv:-6"},
   };
   std::vector<EmulatedUsbDevice*> devices;
-  for (uint16_t product = 0; product <= 5; ++product) {
-    devices.push_back(&bus_.add(gadget(product)));
-  }
+  for (uint16_t product = 0; product <= 5; ++product) devices.push_back(&bus_.add(gadget(product)));
   // Own contexts, so that a failed open must end its context too. A first open makes
   // what libusb and umockdev keep for the whole process.
   ASSERT_EQ(channel(5, "", true)->open(), 0);
   for (uint16_t product = 0; product < 5; ++product) {
     const auto& c = cases[product];
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(product);
     EmulatedUsbDevice& device = *devices[product];
     device.setKernelDriver(c.driver);
     device.failIoctl(c.request, c.error);
-    log_.clear();
+    LogCapture log;
     auto ch = channel(product, "", true);
     if (c.line != nullptr) {
       const Resources before = Resources::now();
       EXPECT_EQ(ch->open(), -1);
       EXPECT_TRUE(backTo(before));
-      EXPECT_EQ(log_.lines(), Lines{c.line});
+      EXPECT_EQ(log.lines(), Lines{c.line});
       device.failIoctl(c.request, 0); // the second open starts afresh
     }
     const int detaches = device.observed().ioctls[USBDEVFS_IOCTL];
@@ -187,52 +146,40 @@ TEST_F(LibusbBus, TransferOutcomes) {
   bus_.initDefaultContext();
   auto ch = channel(1);
   ASSERT_EQ(ch->open(), 0);
-  const Reply s = kStall;
+  const Reply s{"", -EPIPE};
   const struct {
-    const char* name;
-    Pipe pipe;
-    std::vector<Reply> replies;
-    int64_t result;
+    Pipe pipe; std::vector<Reply> replies; int64_t result;
     std::string bytes; // read, or accepted by the device, or the control buffer after
-    int stalls;
-    std::string failure; // the line logged after the stalls' lines, if any
+    int stalls; Lines failure; // the stalls' lines are logged, then `failure`
   } cases[] = {
-      {"read zero-length packets, then data", Pipe::In, {{""}, {""}, {"abc"}}, 3, "abc", 0, ""},
-      {"read four stalls, then data", Pipe::In, {s, s, s, s, {"abc"}}, 3, "abc", 4, ""},
-      {"read five stalls", Pipe::In, {s, s, s, s, s}, -9, "", 5,
-       "*** bulk_transfer read failed! rv:-9"},
-      {"write four stalls, then accepted", Pipe::Out, {s, s, s, s}, 3, "abc", 4, ""},
-      {"write five stalls", Pipe::Out, {s, s, s, s, s}, -1, "", 5,
-       "*** bulk_transfer OUT failed! rv:-9"},
-      {"control four stalls, then data", Pipe::Control, {s, s, s, s, {"wxyz"}}, 4, "wxyz", 4, ""},
-      {"control time-out", Pipe::Control, {{"", 0, true}}, -7, "data", 0,
-       "*** bulk_transfer read timeout : 50! try to read 4 , read length : 0"},
+      {Pipe::In, {{""}, {""}, {"abc"}}, 3, "abc", 0, {}}, // zero-length packets are skipped
+      {Pipe::In, {s, s, s, s, {"abc"}}, 3, "abc", 4, {}}, {Pipe::Out, {s, s, s, s}, 3, "abc", 4, {}},
+      {Pipe::In, {s, s, s, s, s}, -9, "", 5, {"*** bulk_transfer read failed! rv:-9"}},
+      {Pipe::Out, {s, s, s, s, s}, -1, "", 5, {"*** bulk_transfer OUT failed! rv:-9"}},
+      {Pipe::Control, {s, s, s, s, {"wxyz"}}, 4, "wxyz", 4, {}},
+      {Pipe::Control, {{"", 0, true}}, -7, "data", 0,
+       {"*** bulk_transfer read timeout : 50! try to read 4 , read length : 0"}},
   };
   const unsigned char abc[] = {'a', 'b', 'c'};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    for (const Reply& r : c.replies) {
-      device.queue(c.pipe, r);
-    }
-    log_.clear();
+    SCOPED_TRACE(c.bytes + " " + std::to_string(c.stalls));
+    for (const Reply& r : c.replies) device.queue(c.pipe, r);
+    LogCapture log;
+    const bool out = c.pipe == Pipe::Out;
     Observed before = device.observed();
     unsigned char buf[kBlock] = {'d', 'a', 't', 'a'};
-    const int64_t got =
-        c.pipe == Pipe::In    ? ch->read(buf, kBlock)
-        : c.pipe == Pipe::Out ? ch->write(abc, 3)
-                              : ch->usbControlTransfer(0xc0, 0xa5, 0x2345, 7, 4, buf);
+    EXPECT_EQ(c.pipe == Pipe::In ? ch->read(buf, kBlock)
+              : out              ? ch->write(abc, 3)
+                                 : ch->usbControlTransfer(0xc0, 0xa5, 0x2345, 7, 4, buf),
+              c.result);
     Observed after = device.observed();
-    EXPECT_EQ(got, c.result);
-    const size_t shown = c.pipe == Pipe::In ? size_t(std::max<int64_t>(got, 0)) : 4;
-    EXPECT_EQ(c.pipe == Pipe::Out ? after.out.substr(before.out.size())
-                                  : std::string(reinterpret_cast<char*>(buf), shown),
-              c.bytes);
-    Lines lines(size_t(c.stalls), c.pipe == Pipe::Out ? kWritePipe : kReadPipe);
-    if (!c.failure.empty()) {
-      lines.push_back(c.failure);
-    }
-    EXPECT_EQ(log_.lines(), lines);
-    const uint8_t endpoint = c.pipe == Pipe::Out ? 0x02 : 0x81;
+    const char* read = reinterpret_cast<char*>(buf);
+    EXPECT_EQ(out ? after.out.substr(before.out.size()) : std::string(read, c.bytes.size()), c.bytes);
+    Lines lines(size_t(c.stalls), out ? "*** TLibusbDevice write  pipe error"
+                                      : "*** TLibusbDevice read  pipe error");
+    lines.insert(lines.end(), c.failure.begin(), c.failure.end());
+    EXPECT_EQ(log.lines(), lines);
+    const uint8_t endpoint = out ? 0x02 : 0x81;
     EXPECT_EQ(after.clearedHalts[endpoint] - before.clearedHalts[endpoint], c.stalls);
   }
 }
