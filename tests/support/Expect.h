@@ -21,7 +21,7 @@ template <typename Call>
       return ::testing::AssertionSuccess();
     }
     return ::testing::AssertionFailure() << "threw type " << e.getType() << " \"" << e.what()
-                                         << "\", expected type " << type << " \"" << message << "\"";
+                                         << "\", expected " << type << " \"" << message << "\"";
   }
   return ::testing::AssertionFailure() << "threw nothing, expected \"" << message << "\"";
 }

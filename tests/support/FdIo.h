@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TESTS_SUPPORT_FDIO_H
 #define THRIFTUSB_TESTS_SUPPORT_FDIO_H
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <random>
@@ -59,10 +60,10 @@ struct CablePeer {
 /**
  * Moves @p count bytes at @p data through the non-blocking @p fd with @p io (::read or
  * ::write), retrying every millisecond while it is not ready; throws when a call moves
- * nothing (end of data), on an error, or when not done within @p limit.
+ * nothing (end of data), on an error, or when not done within kPeerLimit.
  */
 template <typename Data, typename Io>
-void moveAll(int fd, Data* data, size_t count, std::chrono::milliseconds limit, Io io) {
+void moveAll(int fd, Data* data, size_t count, Io io) {
   size_t done = 0;
   const bool moved = waitUntil([&] {
     const ssize_t n = done < count ? io(fd, data + done, count - done) : -1;
@@ -74,41 +75,38 @@ void moveAll(int fd, Data* data, size_t count, std::chrono::milliseconds limit, 
     }
     done += n > 0 ? static_cast<size_t>(n) : 0;
     return done == count;
-  }, limit);
+  });
   if (!moved) {
     throw std::runtime_error("peer descriptor not ready in time");
   }
 }
 
-inline void writeAll(int fd, const std::string& bytes, std::chrono::milliseconds limit = kPeerLimit) {
-  moveAll(fd, bytes.data(), bytes.size(), limit, ::write);
+inline void writeAll(int fd, const std::string& bytes) {
+  moveAll(fd, bytes.data(), bytes.size(), ::write);
 }
 
-inline std::string readExactly(int fd, size_t count, std::chrono::milliseconds limit = kPeerLimit) {
+inline std::string readExactly(int fd, size_t count) {
   std::string out(count, '\0');
-  moveAll(fd, &out[0], count, limit, ::read);
+  moveAll(fd, &out[0], count, ::read);
   return out;
 }
 
 /** The descriptors this process has open now. */
 inline std::set<int> openDescriptors() {
-  std::set<int> listed, open;
+  std::set<int> open;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    listed.insert(std::stoi(entry.path().filename().string()));
+    open.insert(std::stoi(entry.path().filename().string()));
   }
-  for (int fd : listed) { // without the one the listing used, closed by now
-    if (::fcntl(fd, F_GETFD) != -1) {
-      open.insert(fd);
-    }
+  // Without the one the listing used, closed by now.
+  for (auto fd = open.begin(); fd != open.end();) {
+    fd = ::fcntl(*fd, F_GETFD) == -1 ? open.erase(fd) : std::next(fd);
   }
   return open;
 }
 
 /** Descriptors in @p after that are not in @p before. */
 inline std::set<int> newDescriptors(const std::set<int>& before, std::set<int> after) {
-  for (int fd : before) {
-    after.erase(fd);
-  }
+  std::for_each(before.begin(), before.end(), [&](int fd) { after.erase(fd); });
   return after;
 }
 

@@ -38,13 +38,15 @@ inline ::testing::AssertionResult backTo(const Resources& before) {
   Resources left;
   if (waitUntil([&] {
         const Resources now = Resources::now();
-        left = {newDescriptors(before.threads, now.threads), newDescriptors(before.fds, now.fds)};
+        left = {newDescriptors(before.threads, now.threads),
+                newDescriptors(before.fds, now.fds)};
         return left.threads.empty() && left.fds.empty();
       }, std::chrono::milliseconds(5000))) {
     return ::testing::AssertionSuccess();
   }
-  return ::testing::AssertionFailure() << "left behind: threads " << ::testing::PrintToString(left.threads)
-                                       << ", descriptors " << ::testing::PrintToString(left.fds);
+  using ::testing::PrintToString;
+  return ::testing::AssertionFailure() << "left behind: threads " << PrintToString(left.threads)
+                                       << ", descriptors " << PrintToString(left.fds);
 }
 
 } // namespace test

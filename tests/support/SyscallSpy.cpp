@@ -7,7 +7,6 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
-#include <utility>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -34,7 +33,7 @@ struct Outcome {
 struct State {
   std::set<int> fds;
   std::map<Sys, std::deque<Outcome>> script;
-  std::vector<std::pair<Sys, size_t>> calls;
+  std::map<Sys, std::vector<size_t>> calls; // the lengths of each kind's calls
   std::map<std::string, std::vector<int>> opens;
   bool virtualTime = false;
 };
@@ -55,7 +54,7 @@ long steer(Sys kind, int fd, size_t length, Real real) {
     std::lock_guard<std::mutex> lock(mutex);
     auto& queue = s.script[kind];
     if (s.fds.count(fd) != 0) {
-      s.calls.emplace_back(kind, length);
+      s.calls[kind].push_back(length);
       if (!queue.empty()) {
         const Outcome outcome = queue.front();
         queue.pop_front();
@@ -98,13 +97,7 @@ void SyscallSpy::setVirtualTime(bool on) {
 
 std::vector<size_t> SyscallSpy::lengths(Sys call) const {
   std::lock_guard<std::mutex> lock(mutex);
-  std::vector<size_t> out;
-  for (const auto& [kind, length] : s.calls) {
-    if (kind == call) {
-      out.push_back(length);
-    }
-  }
-  return out;
+  return s.calls[call];
 }
 
 std::vector<int> SyscallSpy::openFlags(const std::string& path) const {
@@ -153,7 +146,7 @@ extern "C" int usleep(useconds_t micros) {
   static const auto real = spy::next<int (*)(useconds_t)>("usleep");
   if (spy::spying) {
     std::lock_guard<std::mutex> lock(spy::mutex);
-    spy::s.calls.emplace_back(Sys::Usleep, micros);
+    spy::s.calls[Sys::Usleep].push_back(micros);
     if (spy::s.virtualTime) {
       spy::clockOffsetNanos += 1000LL * micros;
       return 0;

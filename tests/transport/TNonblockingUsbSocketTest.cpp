@@ -86,7 +86,8 @@ TEST_P(TNonblockingUsbSocketModes, RefuseLengthsOverABlockAndGiveUpAfterTheTimeO
   LogCapture log;
   uint8_t buf[kBlock + 1] = {};
   // Refused before anything else is looked at, even on a closed transport.
-  EXPECT_TRUE(throwsTransport([&] { link.socket.read(buf, kBlock + 1); }, TTransportException::BAD_ARGS,
+  EXPECT_TRUE(throwsTransport([&] { link.socket.read(buf, kBlock + 1); },
+                              TTransportException::BAD_ARGS,
                               "The \"len\" must be no more than max read block size."));
   EXPECT_TRUE(throwsTransport([&] { link.socket.write_partial(buf, kBlock + 1); },
                               TTransportException::BAD_ARGS,
@@ -125,8 +126,11 @@ TEST_P(TNonblockingUsbSocketBroken, ChannelEndsItsThreadAndItsCallsFail) {
   }
   const std::string exit = reading ? "read thread exit." : "write thread exit at 1.";
   EXPECT_TRUE(waitUntil([&] { return log.count(exit) == 1; })) << exit;
-  EXPECT_TRUE(throwsTransport([&] { reading ? link.socket.read(&byte, 1) : link.socket.write_partial(&byte, 1); },
-                              TTransportException::INTERRUPTED, reading ? "Failed to read." : "Failed to write."));
+  const auto transfer = [&] {
+    reading ? link.socket.read(&byte, 1) : link.socket.write_partial(&byte, 1);
+  };
+  EXPECT_TRUE(throwsTransport(transfer, TTransportException::INTERRUPTED,
+                              reading ? "Failed to read." : "Failed to write."));
   link.socket.close();
 }
 
@@ -167,9 +171,14 @@ TEST_P(TNonblockingUsbSocketCloseDuring, EndsTheWaitingCallWithInterruptedAtOnce
 INSTANTIATE_TEST_SUITE_P(
     Calls, TNonblockingUsbSocketCloseDuring,
     ::testing::Values(
-        Waiting{"ReadAll", 0, [](Link& l, const std::string&) { uint8_t buf[8]; l.socket.readAll(buf, 8); },
+        Waiting{"ReadAll", 0,
+                [](Link& l, const std::string&) {
+                  uint8_t buf[8];
+                  l.socket.readAll(buf, 8);
+                },
                 "Failed to read."},
-        Waiting{"Write", 1 << 20, [](Link& l, const std::string& d) { l.send(d); }, "Failed to write."},
+        Waiting{"Write", 1 << 20, [](Link& l, const std::string& d) { l.send(d); },
+                "Failed to write."},
         Waiting{"Flush", 65536 + 2048,
                 [](Link& l, const std::string& d) {
                   l.send(d);

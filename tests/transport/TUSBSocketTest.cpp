@@ -81,9 +81,10 @@ TEST(TUSBSocketOpen, OpensEachNodeExclusivelyOnceAndClosesWhatItOpened) {
     EXPECT_TRUE(socket->isOpen() && socket->peek() && socket->hasPendingDataToRead());
   }
   // Never O_CREAT: a missing node is an error, not a new file.
-  EXPECT_EQ(spy.openFlags(pty.path()), std::vector<int>{O_RDWR | O_EXCL | O_NONBLOCK});
-  EXPECT_EQ(spy.openFlags(cable.host().readPath), std::vector<int>{O_RDONLY | O_EXCL | O_NONBLOCK});
-  EXPECT_EQ(spy.openFlags(cable.host().writePath), std::vector<int>{O_WRONLY | O_EXCL | O_NONBLOCK});
+  const int flags = O_EXCL | O_NONBLOCK;
+  EXPECT_EQ(spy.openFlags(pty.path()), std::vector<int>{O_RDWR | flags});
+  EXPECT_EQ(spy.openFlags(cable.host().readPath), std::vector<int>{O_RDONLY | flags});
+  EXPECT_EQ(spy.openFlags(cable.host().writePath), std::vector<int>{O_WRONLY | flags});
   one.close();
   two.close();
   EXPECT_EQ(openDescriptors(), before);
@@ -136,7 +137,8 @@ TEST(TUSBSocketRead, ASystemErrorThrowsAndLogsAndEndOfDataIsATimeOut) {
   const std::string text = std::strerror(EINTR);
   EXPECT_TRUE(throwsTransport([&] { host.receive(8); }, TTransportException::UNKNOWN,
                               "TUSBSocket::read(): " + text));
-  EXPECT_EQ(host.log.lines(), Lines{"TUSBSocket::read() " + host.cable.host().readPath + ": " + text});
+  EXPECT_EQ(host.log.lines(),
+            Lines{"TUSBSocket::read() " + host.cable.host().readPath + ": " + text});
   // End of data, even after part of the request has arrived.
   host.cable.unplug();
   writeAll(host.peer.out.get(), "partial");
@@ -173,7 +175,8 @@ TEST(TUSBSocketWritePartial, RefusesMoreThanABlockAndReportsAFailedSystemCall) {
   const std::string text = std::strerror(EIO);
   EXPECT_TRUE(throwsTransport([&] { writePartial(8); }, TTransportException::UNKNOWN,
                               "TUSBSocket::write_partial() : " + text));
-  EXPECT_EQ(host.log.lines(), Lines{"TUSBSocket::write_partial() " + host.cable.host().writePath + ": " + text});
+  EXPECT_EQ(host.log.lines(),
+            Lines{"TUSBSocket::write_partial() " + host.cable.host().writePath + ": " + text});
   EXPECT_EQ(host.spy.lengths(Sys::Write), Sizes(2, 8)); // one call each, none synchronised
   EXPECT_EQ(host.spy.count(Sys::Fsync), 0u);
   EXPECT_TRUE(host.socket.isOpen());

@@ -109,7 +109,8 @@ TEST_P(TUsbDeviceTransfer, OneSystemCallUpToTheBlockSize) {
   EXPECT_EQ(spy.lengths(c.read ? Sys::Read : Sys::Write),
             c.len > kBlock ? std::vector<size_t>{} : std::vector<size_t>{c.len});
   const bool logged = c.error != 0 && c.error != EAGAIN;
-  const std::string line = std::string("Failed to ") + (c.read ? "read " : "write ") + std::strerror(c.error) + ".";
+  const std::string line =
+      std::string("Failed to ") + (c.read ? "read " : "write ") + std::strerror(c.error) + ".";
   EXPECT_EQ(log.lines(), logged ? Lines{line} : Lines{});
   if (c.result > 0) {
     EXPECT_EQ(c.read ? std::string(buf.begin(), buf.begin() + c.result)
