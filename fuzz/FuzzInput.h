@@ -38,7 +38,8 @@ struct Input {
 
 /** The targets' cipher: the fuzz key, CBC with the fuzz IV, or ECB. */
 inline std::shared_ptr<Sm4Cipher> fuzzCipher(bool cbc = true) {
-  return std::make_shared<Sm4Cipher>("0123456789abcdef", cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB,
+  return std::make_shared<Sm4Cipher>("0123456789abcdef",
+                                     cbc ? Sm4Cipher::Mode::CBC : Sm4Cipher::Mode::ECB,
                                      cbc ? "fedcba9876543210" : "");
 }
 

@@ -44,7 +44,8 @@ struct Config {
 // threaded transport's read time-out would; the waiting kind's gives 0 bytes, as
 // TUSBSocket's peer hanging up would. readAll() gives all bytes asked for, or throws.
 struct Wire : TVirtualTransport<Wire> {
-  Wire(std::string b, std::string s, bool p) : bytes(std::move(b)), splits(std::move(s)), polling(p) {}
+  Wire(std::string b, std::string s, bool p)
+    : bytes(std::move(b)), splits(std::move(s)), polling(p) {}
 
   uint32_t read(uint8_t* buf, uint32_t len) {
     return polling || pos < bytes.size() ? take(buf, len) : 0;
@@ -61,7 +62,8 @@ struct Wire : TVirtualTransport<Wire> {
     if (pos == bytes.size()) {
       throw TTransportException(TTransportException::END_OF_FILE, kNoMoreData);
     }
-    const size_t split = splits.empty() ? want : static_cast<uint8_t>(splits[splitIndex++ % splits.size()]);
+    const size_t split =
+        splits.empty() ? want : static_cast<uint8_t>(splits[splitIndex++ % splits.size()]);
     const size_t n = std::min({want, std::max<size_t>(split, 1), bytes.size() - pos});
     std::memcpy(buf, bytes.data() + pos, n);
     pos += n;
@@ -78,7 +80,8 @@ struct Wire : TVirtualTransport<Wire> {
 // check leaves the wire just behind the header) and checks that reads through @p t give
 // the same: each frame's payload, in pieces of the fuzzed lengths, never a byte past a
 // frame's end; each bad header's or early end's exception.
-void check(TBufferBase& t, const std::string& wire, const Config& c, const std::string& readLengths) {
+void check(TBufferBase& t, const std::string& wire, const Config& c,
+           const std::string& readLengths) {
   size_t pos = 0, index = 0;
   uint32_t len = 0;
   std::vector<uint8_t> buf(65536);
@@ -127,9 +130,11 @@ void check(TBufferBase& t, const std::string& wire, const Config& c, const std::
       } while (offset < payload.size());
     }
   }
-  // The rest of a header: the waiting transport's read gives 0, the polling one's readAll throws.
+  // The rest of a header: the waiting transport's read gives 0, the polling one's
+  // readAll throws.
   if (pos < wire.size()) {
-    fails(TTransportException::END_OF_FILE, c.polling ? kNoMoreData : "No more data to read after partial frame header.");
+    fails(TTransportException::END_OF_FILE,
+          c.polling ? kNoMoreData : "No more data to read after partial frame header.");
   }
   FUZZ_CHECK(c.polling || read() == 0);
   if (c.polling) {
@@ -143,8 +148,8 @@ std::shared_ptr<TBufferBase> framed(const Config& c, std::shared_ptr<TTransport>
   if (!c.polling) {
     return std::make_shared<TSecurityTransport>(inner, fuzzCipher(), c.reclaim, c.maxFrame);
   }
-  return std::make_shared<TNonblockingSecurityTransport>(inner, c.encrypted ? fuzzCipher() : nullptr,
-                                                         c.encrypted, c.reclaim, c.maxFrame);
+  return std::make_shared<TNonblockingSecurityTransport>(
+      inner, c.encrypted ? fuzzCipher() : nullptr, c.encrypted, c.reclaim, c.maxFrame);
 }
 
 } // namespace

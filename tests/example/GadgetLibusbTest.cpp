@@ -52,8 +52,9 @@ TEST(GadgetOverLibusb, ClientProgramCallsTheServiceFoundBySerialAndInterface) {
   const std::string asan = options("ASAN_OPTIONS") + "verify_asan_link_order=0";
   const std::string tsan = options("TSAN_OPTIONS") + "suppressions=" + dir.file("tsan.supp");
   const std::string ran = reportFromChild([&] {
-    ::execl("/usr/bin/env", "env", "LD_PRELOAD=libumockdev-preload.so.0", asan.c_str(), tsan.c_str(),
-            USB_LIBUSB_CLIENT_PROGRAM, "--serial", "0042", "1209:0001", "ff:00", nullptr);
+    ::execl("/usr/bin/env", "env", "LD_PRELOAD=libumockdev-preload.so.0", asan.c_str(),
+            tsan.c_str(), USB_LIBUSB_CLIENT_PROGRAM, "--serial", "0042", "1209:0001", "ff:00",
+            nullptr);
     return std::string("cannot start the program");
   });
   device.unplug();

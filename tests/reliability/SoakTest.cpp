@@ -79,16 +79,17 @@ TEST(Soak, EncryptedEchoCarriesEveryByteThereAndBack) {
   host.transport->open();
   const auto start = Clock::now();
   for (uint64_t done = 0, call = 0; done < total; done += kChunk, ++call) {
-    const std::string data = patternBytes(std::min(kChunk, total - done), static_cast<unsigned>(call));
+    const std::string data =
+        patternBytes(std::min(kChunk, total - done), static_cast<unsigned>(call));
     std::string back;
     client.echo(back, data);
     ASSERT_EQ(back, data) << "echo " << call << " came back different";
   }
   const std::chrono::duration<double> took = Clock::now() - start;
   host.transport->close();
-  std::cout << "soak: encrypted echo: " << total << " bytes each way in " << took.count() << " s, "
-            << 2.0 * static_cast<double>(total) / (1 << 20) / took.count() << " MiB/s over the cable"
-            << std::endl;
+  std::cout << "soak: encrypted echo: " << total << " bytes each way in " << took.count()
+            << " s, " << 2.0 * static_cast<double>(total) / (1 << 20) / took.count()
+            << " MiB/s over the cable" << std::endl;
 }
 
 TEST(Soak, HostsComingAndGoingKeepThreadsAndDescriptorsConstant) {
@@ -121,6 +122,7 @@ TEST(Soak, HostsComingAndGoingKeepThreadsAndDescriptorsConstant) {
           << " descriptors; " << before.first << " and " << before.second << " before";
     }
   }
+  const std::chrono::duration<double> took = Clock::now() - start;
   std::cout << "soak: hosts coming and going: " << cycles << " hosts, " << cycles * callsEach
-            << " calls in " << std::chrono::duration<double>(Clock::now() - start).count() << " s\n";
+            << " calls in " << took.count() << " s\n";
 }
