@@ -46,7 +46,8 @@ std::string opensslEnc(const std::string& mode, const std::string& plain) {
   const std::string command = "timeout -k 5 30 openssl enc -sm4-" + mode + " -K " + kKeyHex +
                               " -in '" + dir.file("in") + "' -out '" + dir.file("out") + "'";
   EXPECT_EQ(std::system(command.c_str()), 0) << command;
-  return std::string(std::istreambuf_iterator<char>(std::ifstream(dir.file("out"), std::ios::binary).rdbuf()), {});
+  std::ifstream out(dir.file("out"), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(out), {});
 }
 
 } // namespace
@@ -72,7 +73,8 @@ TEST(Sm4Cipher, AgreesWithOpensslRoundTripsAndFailsWithoutWritingPastTheRoom) {
     // The first cipher block of 16 plain bytes deciphers alone to those bytes, whose
     // last byte then plays the pad count.
     auto block = [&](const std::string& tail) {
-      return Call(cipher, true, std::string(16 - tail.size(), 'p') + tail, 32).produced().substr(0, 16);
+      const std::string plain = std::string(16 - tail.size(), 'p') + tail;
+      return Call(cipher, true, plain, 32).produced().substr(0, 16);
     };
     ASSERT_EQ(15, Call(cipher, false, block("\x01"), 16).outLen);
     const std::string seventeen = Call(cipher, true, std::string(17, 'q'), 32).produced();

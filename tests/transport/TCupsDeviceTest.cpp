@@ -68,6 +68,7 @@ std::string run(const std::string& script, int stdoutPeer) {
   std::string report, step;
   while (steps >> step) {
     unsigned char buf[64] = {};
+    char* text = reinterpret_cast<char*>(buf);
     const auto start = std::chrono::steady_clock::now();
     int64_t got = 0;
     switch (step[0]) {
@@ -75,7 +76,7 @@ std::string run(const std::string& script, int stdoutPeer) {
       case 'c': got = device.close(); break;
       case 'f': got = device.flush(); break;
       case 'F': got = std::fflush(stdout); break;
-      case 'w': got = device.write(buf, unsigned(step.copy(reinterpret_cast<char*>(buf), 63, 1))); break;
+      case 'w': got = device.write(buf, unsigned(step.copy(text, 63, 1))); break;
       case 'r': got = device.read(buf, unsigned(std::stoi(step.substr(1)))); break;
       default: got = ::read(stdoutPeer, buf, sizeof buf); break;
     }
@@ -98,7 +99,8 @@ TEST(TCupsDeviceTest, ReadsPollWritesWaitForFlushAndOnlyAnOpenChannelMovesBytes)
       // spin (no descriptor).
       {Back::Data, "o r4 r4 r4", "0|abcd|ef|0"}, {Back::Ended, "o r4 r4 r4", "0|abcd|ef|0"},
       {Back::Idle, "o r4 r4", "0|0|0"}, {Back::BlockingIdle, "o r4 r4", "0|0|0"},
-      {Back::None, "o r4 r4", "0|0|0"}, {Back::Data, "o r5 w12345 r4 wabcd f p", "0|-1|-1|abcd|4|0|abcd"},
+      {Back::None, "o r4 r4", "0|0|0"},
+      {Back::Data, "o r5 w12345 r4 wabcd f p", "0|-1|-1|abcd|4|0|abcd"},
       // Written bytes stay in standard output's buffer until flush(); close() leaves
       // them there for the stream's next flush. Closed (new, or after close()), reads
       // and writes are refused without touching either stream; open again, it works.
