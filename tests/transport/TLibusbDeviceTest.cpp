@@ -173,9 +173,8 @@ TEST_F(LibusbBus, TransferOutcomes) {
                                  : ch->usbControlTransfer(0xc0, 0xa5, 0x2345, 7, 4, buf),
               c.result);
     Observed after = device.observed();
-    const char* read = reinterpret_cast<char*>(buf);
-    EXPECT_EQ(out ? after.out.substr(before.out.size()) : std::string(read, c.bytes.size()),
-              c.bytes);
+    const std::string read(reinterpret_cast<char*>(buf), c.bytes.size());
+    EXPECT_EQ(out ? after.out.substr(before.out.size()) : read, c.bytes);
     Lines lines(size_t(c.stalls), out ? "*** TLibusbDevice write  pipe error"
                                       : "*** TLibusbDevice read  pipe error");
     lines.insert(lines.end(), c.failure.begin(), c.failure.end());
