@@ -109,10 +109,8 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
       {true, USBDEVFS_IOCTL, EPERM, "*** libusb_detach_kernel_driver failed! rv:-99"},
       {false, USBDEVFS_CLAIMINTERFACE, EBUSY, "*** libusb_claim_interface failed! rv:-6"},
   };
-  // Own contexts, so that a failed open must end its context too. A first open makes
-  // what libusb and umockdev keep for the whole process.
-  bus_.add(gadget(9));
-  ASSERT_EQ(channel(9, "", true)->open(), 0);
+  // Own contexts, so that a failed open must end its context too. The rows that open
+  // come first: they make what libusb and umockdev keep for the whole process.
   for (uint16_t product = 0; product < 4; ++product) {
     const auto& c = cases[product];
     SCOPED_TRACE(product);
@@ -137,7 +135,7 @@ TEST_F(LibusbBus, KernelDriverIsDetachedOnlyWhenBoundAndFailuresLeaveNothingOpen
 }
 
 // Each pipe's outcomes as the device answers. A read asks for 16 bytes; a write sends
-// "abc"; a control transfer (IN) moves 4 bytes. Every stall is logged and cleared on
+// "dat"; a control transfer (IN) moves 4 bytes. Every stall is logged and cleared on
 // its endpoint (a control transfer's on the bulk IN one, as a read's); the fifth ends
 // the transfer.
 TEST_F(LibusbBus, TransferOutcomes) {
@@ -149,18 +147,16 @@ TEST_F(LibusbBus, TransferOutcomes) {
   const struct {
     Pipe pipe; std::vector<Reply> replies; int64_t result;
     std::string bytes; // read, or accepted by the device, or the control buffer after
-    int stalls; Lines failure; // the stalls' lines are logged, then `failure`
+    int stalls; Lines failure = {}; // the stalls' lines are logged, then `failure`
   } cases[] = {
-      {Pipe::In, {{""}, {""}, {"abc"}}, 3, "abc", 0, {}}, // zero-length packets are skipped
-      {Pipe::In, {s, s, s, s, {"abc"}}, 3, "abc", 4, {}},
-      {Pipe::Out, {s, s, s, s}, 3, "abc", 4, {}},
+      {Pipe::In, {{""}, {""}, {"abc"}}, 3, "abc", 0}, // zero-length packets are skipped
+      {Pipe::In, {s, s, s, s, {"abc"}}, 3, "abc", 4}, {Pipe::Out, {s, s, s, s}, 3, "dat", 4},
       {Pipe::In, {s, s, s, s, s}, -9, "", 5, {"*** bulk_transfer read failed! rv:-9"}},
       {Pipe::Out, {s, s, s, s, s}, -1, "", 5, {"*** bulk_transfer OUT failed! rv:-9"}},
-      {Pipe::Control, {s, s, s, s, {"wxyz"}}, 4, "wxyz", 4, {}},
+      {Pipe::Control, {s, s, s, s, {"wxyz"}}, 4, "wxyz", 4},
       {Pipe::Control, {{"", 0, true}}, -7, "data", 0,
        {"*** bulk_transfer read timeout : 50! try to read 4 , read length : 0"}},
   };
-  const unsigned char abc[] = {'a', 'b', 'c'};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.bytes + " " + std::to_string(c.stalls));
     for (const Reply& r : c.replies) device.queue(c.pipe, r);
@@ -168,10 +164,8 @@ TEST_F(LibusbBus, TransferOutcomes) {
     const bool out = c.pipe == Pipe::Out;
     Observed before = device.observed();
     unsigned char buf[16] = {'d', 'a', 't', 'a'};
-    EXPECT_EQ(c.pipe == Pipe::In ? ch->read(buf, 16)
-              : out              ? ch->write(abc, 3)
-                                 : ch->usbControlTransfer(0xc0, 0xa5, 0x2345, 7, 4, buf),
-              c.result);
+    EXPECT_EQ(c.pipe == Pipe::In ? ch->read(buf, 16) : out ? ch->write(buf, 3)
+              : ch->usbControlTransfer(0xc0, 0xa5, 0x2345, 7, 4, buf), c.result);
     Observed after = device.observed();
     const std::string read(reinterpret_cast<char*>(buf), c.bytes.size());
     EXPECT_EQ(out ? after.out.substr(before.out.size()) : read, c.bytes);
@@ -179,7 +173,7 @@ TEST_F(LibusbBus, TransferOutcomes) {
                                       : "*** TLibusbDevice read  pipe error");
     lines.insert(lines.end(), c.failure.begin(), c.failure.end());
     EXPECT_EQ(log.lines(), lines);
-    const uint8_t endpoint = out ? 0x02 : 0x81;
+    const uint8_t endpoint = out ? 0x02 : 0x81; // stalls cleared on the transfer's endpoint
     EXPECT_EQ(after.clearedHalts[endpoint] - before.clearedHalts[endpoint], c.stalls);
   }
 }
