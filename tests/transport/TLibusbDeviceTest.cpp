@@ -18,7 +18,6 @@
 using apache::thrift::transport::TLibusbDevice;
 using namespace thriftusb::test;
 using namespace thriftusb::testing;
-using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -97,7 +96,7 @@ TEST_F(LibusbBus, DeviceAndInterfaceSearchTakesTheFirstMatchAndSelectsNothing) {
     EXPECT_EQ(after.ioctls[USBDEVFS_SETCONFIGURATION] + after.ioctls[USBDEVFS_SETINTERFACE]
                   + after.ioctls[USBDEVFS_IOCTL], 0);
     EXPECT_TRUE(after.claimed.empty());
-    EXPECT_TRUE(waitUntil([&] { return device.observed().openHandles == 0; }, 2s));
+    EXPECT_TRUE(waitUntil([&] { return device.observed().openHandles == 0; }));
   }
 }
 
