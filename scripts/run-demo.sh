@@ -57,7 +57,8 @@ mkfifo -m 600 "$to_device" "$to_host"
 # This shell holds both FIFOs open for reading and writing, as a gadget driver holds
 # its endpoints: either program may open its nodes first, and a node with nothing in
 # it reads as "no data yet" rather than end of data. The programs do not inherit these
-# descriptors (3>&- 4>&-), so that letting go of them later is what ends the server.
+# descriptors (3>&- 4>&-), so that letting go of them later is what ends the blocking
+# server.
 exec 3<>"$to_device" 4<>"$to_host"
 
 echo "demo: $stack stack${cipher_options:+, encrypted with the demo key}, nodes in $dir"
@@ -70,14 +71,18 @@ timeout -k 2 "$limit" "$client" "${client_options[@]}" "${cipher_options[@]}" "$
 
 # The client has closed its nodes. The blocking server stops once this shell lets go
 # too: nothing can write to its read node any more and its read sees end of data. The
-# threaded server waits for the next host until it is told to stop.
-exec 3>&- 4>&-
+# threaded server waits for the next host until it is told to stop; this shell holds
+# the nodes until it has stopped, as a gadget's endpoints stay, because opening a FIFO
+# that nobody holds blocks, and a stop cannot end that wait.
 if [ "$stack" = threaded ]; then
   kill -TERM "$server_pid" 2>/dev/null || true
+else
+  exec 3>&- 4>&-
 fi
 server_status=0
 wait "$server_pid" || server_status=$?
 server_pid=""
+exec 3>&- 4>&-
 
 if [ "$client_status" -ne 0 ] || [ "$server_status" -ne 0 ]; then
   echo "demo: FAILED (client exit $client_status, server exit $server_status)" >&2
