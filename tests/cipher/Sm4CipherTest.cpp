@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -95,3 +96,27 @@ TEST(Sm4Cipher, AgreesWithOpensslRoundTripsAndFailsWithoutWritingPastTheRoom) {
   }
 }
 
+
+// One object shared by several threads, as the transports of one factory share their
+// cipher: every call must give what a cipher of the thread's own gives.
+TEST(Sm4Cipher, OneObjectServesManyThreadsAtOnce) {
+  for (const Mode mode : {Mode::ECB, Mode::CBC}) {
+    const std::string iv = mode == Mode::CBC ? kIv : "";
+    Sm4Cipher shared(kKey, mode, iv);
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        Sm4Cipher own(kKey, mode, iv);
+        for (unsigned i = 0; i < 100; ++i) {
+          const std::string plain = patternBytes(4096 + i, t * 1000 + i);
+          const long room = static_cast<long>(plain.size()) + 16;
+          const std::string theirs = Call(shared, true, plain, room).produced();
+          // Compared as truth values: a mismatch of 4 KiB strings would flood the log.
+          EXPECT_TRUE(theirs == Call(own, true, plain, room).produced()) << t << " " << i;
+          EXPECT_TRUE(plain == Call(shared, false, theirs, room).produced()) << t << " " << i;
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
+  }
+}
