@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <thriftusb/testing/VirtualCable.h>
@@ -58,36 +59,39 @@ struct CablePeer {
 };
 
 /**
- * Moves @p count bytes at @p data through the non-blocking @p fd with @p io (::read or
- * ::write), retrying every millisecond while it is not ready; throws when a call moves
- * nothing (end of data), on an error, or when not done within kPeerLimit.
+ * Moves @p count bytes at @p data through @p fd with @p io (::read or ::write), waiting
+ * with poll() for @p events while it is not ready; throws when a call moves nothing
+ * (end of data), on an error, or when not done within kPeerLimit.
  */
 template <typename Data, typename Io>
-void moveAll(int fd, Data* data, size_t count, Io io) {
-  size_t done = 0;
-  const bool moved = waitUntil([&] {
-    const ssize_t n = done < count ? io(fd, data + done, count - done) : -1;
+void moveAll(int fd, short events, Data* data, size_t count, Io io) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + kPeerLimit;
+  for (size_t done = 0; done < count;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd ready{fd, events, 0};
+    if (left <= 0 || ::poll(&ready, 1, static_cast<int>(left)) == 0) {
+      throw std::runtime_error("peer descriptor not ready in time");
+    }
+    const ssize_t n = io(fd, data + done, count - done);
     if (n == 0) {
       throw std::runtime_error("end of data after " + std::to_string(done) + " bytes");
     }
-    if (n < 0 && done < count && errno != EAGAIN && errno != EINTR) {
+    if (n < 0 && errno != EAGAIN && errno != EINTR) {
       throw std::system_error(errno, std::generic_category(), "peer descriptor");
     }
     done += n > 0 ? static_cast<size_t>(n) : 0;
-    return done == count;
-  });
-  if (!moved) {
-    throw std::runtime_error("peer descriptor not ready in time");
   }
 }
 
 inline void writeAll(int fd, const std::string& bytes) {
-  moveAll(fd, bytes.data(), bytes.size(), ::write);
+  moveAll(fd, POLLOUT, bytes.data(), bytes.size(), ::write);
 }
 
 inline std::string readExactly(int fd, size_t count) {
   std::string out(count, '\0');
-  moveAll(fd, &out[0], count, ::read);
+  moveAll(fd, POLLIN, &out[0], count, ::read);
   return out;
 }
 
