@@ -15,6 +15,7 @@ namespace {
 
 // While no frame has begun, the inner transport is asked this often...
 constexpr useconds_t kFramePollMicros = 10000;
+constexpr std::chrono::microseconds kFramePollStep(kFramePollMicros);
 
 // ...until this much time has passed (300 s or more: more than this many ns).
 constexpr std::chrono::nanoseconds kFrameWaitLimit(299999999999LL);
@@ -95,13 +96,22 @@ bool TNonblockingSecurityTransport::readFrame() {
 
   // Only the wait for the first header byte is bounded here; once a frame has begun,
   // the inner readAll() bounds the rest.
+  // In waking mode the ticket taken before each read makes bytes that arrive between
+  // that read and the wait end the wait at once.
+  TNonblockingUsbSocket* const inner = wakingInner();
   uint8_t header[frame::kHeaderSize];
+  WakeSignal::Ticket seen = inner ? inner->readTicket() : 0;
   uint32_t got = transport_->read(header, frame::kHeaderSize);
   while (got == 0) {
     if (Clock::now() - start > kFrameWaitLimit) {
       throw TTransportException(TTransportException::TIMED_OUT, "readFrame timeout.");
     }
-    ::usleep(kFramePollMicros);
+    if (inner) {
+      inner->waitReadable(seen, kFramePollStep);
+      seen = inner->readTicket();
+    } else {
+      ::usleep(kFramePollMicros);
+    }
     got = transport_->read(header, frame::kHeaderSize);
   }
   while (got < frame::kHeaderSize) {
@@ -124,6 +134,14 @@ bool TNonblockingSecurityTransport::readFrame() {
   Ops::decryptBody(*this, n);
   printHex(rPlainBuf_.get(), rBound_);
   return true;
+}
+
+TNonblockingUsbSocket* TNonblockingSecurityTransport::wakingInner() const {
+  auto* const inner = dynamic_cast<TNonblockingUsbSocket*>(transport_.get());
+  if (inner && (waitMode_ == WaitMode::Waking || inner->getWaitMode() == WaitMode::Waking)) {
+    return inner;
+  }
+  return nullptr;
 }
 
 void TNonblockingSecurityTransport::printAH(unsigned char*, unsigned char*) {}

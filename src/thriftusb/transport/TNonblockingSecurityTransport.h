@@ -11,6 +11,7 @@
 
 #include <thriftusb/cipher/Sm4Cipher.h>
 #include <thriftusb/transport/SecurityFrame.h>
+#include <thriftusb/transport/TNonblockingUsbSocket.h>
 #include <thriftusb/util/ThriftCompat.h>
 
 namespace apache {
@@ -62,6 +63,20 @@ public:
 
   /** Releases the buffers; does not flush or close the inner transport. */
   ~TNonblockingSecurityTransport() override;
+
+  /**
+   * Chooses how the wait for a frame paces itself: WaitMode::Polling, the default,
+   * asks the inner transport every 10 ms; WaitMode::Waking waits for the inner
+   * transport to announce bytes, at most 10 ms at a time, where it can (a
+   * TNonblockingUsbSocket can), and polls otherwise. Over a TNonblockingUsbSocket in
+   * waking mode the frame wait wakes whatever is set here, so a server switched to
+   * waking mode wakes in the frame transports its factory puts on top.
+   * @param mode  the mode of the frame wait from now on
+   */
+  void setWaitMode(WaitMode mode) { waitMode_ = mode; }
+
+  /** @return the mode set by setWaitMode(), WaitMode::Polling by default */
+  WaitMode getWaitMode() const { return waitMode_; }
 
   TNonblockingSecurityTransport(const TNonblockingSecurityTransport&) = delete;
   TNonblockingSecurityTransport& operator=(const TNonblockingSecurityTransport&) = delete;
@@ -199,6 +214,11 @@ protected:
   uint32_t maxFrameSize_;
   /** Whether frames are encrypted; fixed at construction. */
   bool encrypted_;
+
+private:
+  TNonblockingUsbSocket* wakingInner() const;
+
+  WaitMode waitMode_ = WaitMode::Polling;
 };
 
 } // namespace transport

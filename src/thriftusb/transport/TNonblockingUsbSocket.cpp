@@ -23,6 +23,7 @@ using Clock = std::chrono::steady_clock;
 
 // Every wait of this transport is a poll with this step.
 constexpr useconds_t kPollMicros = 10000;
+constexpr std::chrono::microseconds kPollStep(kPollMicros);
 
 // How long close() gives a thread to leave its loop before it signals it again.
 constexpr int kStopChecks = 10;
@@ -66,16 +67,18 @@ void acceptStopSignal() {
 
 // Moves `len` bytes in chunks of at most `block` bytes with `transfer(offset, chunk)`,
 // which returns how many it moved, possibly 0. After an attempt that moved nothing it
-// sleeps one polling step; once nothing has moved for `timeoutMs` (counted from the
-// first empty attempt after the last progress) it calls `timedOut(elapsedMs)`, which
-// throws.
-template <typename Transfer, typename TimedOut>
-void moveAll(uint32_t len, uint32_t block, int timeoutMs, Transfer transfer, TimedOut timedOut) {
+// waits with `pause(ticket)`, the ticket from `look()` taken before that attempt; once
+// nothing has moved for `timeoutMs` (counted from the first empty attempt after the
+// last progress) it calls `timedOut(elapsedMs)`, which throws.
+template <typename Look, typename Transfer, typename Pause, typename TimedOut>
+void moveAll(uint32_t len, uint32_t block, int timeoutMs, Look look, Transfer transfer,
+             Pause pause, TimedOut timedOut) {
   uint32_t left = len;
   uint32_t offset = 0;
   bool waiting = false;
   Clock::time_point start;
   while (left > 0) {
+    const auto seen = look();
     const uint32_t moved = transfer(offset, std::min(left, block));
     if (moved > 0) {
       left -= std::min(moved, left);
@@ -91,7 +94,7 @@ void moveAll(uint32_t len, uint32_t block, int timeoutMs, Transfer transfer, Tim
     if (timeoutMs <= elapsedMs) {
       timedOut(elapsedMs);
     }
-    ::usleep(kPollMicros);
+    pause(seen);
     waiting = true;
   }
 }
@@ -105,7 +108,8 @@ TNonblockingUsbSocket::TNonblockingUsbSocket(std::shared_ptr<UsbDevice> device, 
     writeRunning_(false),
     readTimeout_(readTimeout),
     writeTimeout_(writeTimeout),
-    bufferSize_(bufferSize) {
+    bufferSize_(bufferSize),
+    waitMode_(WaitMode::Polling) {
   if (!device_) {
     fail(TTransportException::BAD_ARGS, "No usb device given.");
   }
@@ -155,6 +159,7 @@ void TNonblockingUsbSocket::startThreads() {
   } catch (const std::system_error&) {
     readRunning_ = false;
     device_->close();
+    closeSignal_.notify();
     fail(TTransportException::NOT_OPEN, "Failed to start usb transport threads.");
   }
   writeRunning_ = true;
@@ -162,27 +167,30 @@ void TNonblockingUsbSocket::startThreads() {
     writeThread_ = std::thread(&TNonblockingUsbSocket::writeLoop, this);
   } catch (const std::system_error&) {
     writeRunning_ = false;
-    stopThread(readThread_, readRunning_);
+    stopThread(readThread_, readRunning_, readSignal_);
     device_->close();
+    closeSignal_.notify();
     fail(TTransportException::NOT_OPEN, "Failed to start usb transport threads.");
   }
 }
 
 void TNonblockingUsbSocket::stopThreads() {
-  stopThread(readThread_, readRunning_);
-  stopThread(writeThread_, writeRunning_);
+  stopThread(readThread_, readRunning_, readSignal_);
+  stopThread(writeThread_, writeRunning_, writeSignal_);
 }
 
-void TNonblockingUsbSocket::stopThread(std::thread& thread, const std::atomic<bool>& running) {
+void TNonblockingUsbSocket::stopThread(std::thread& thread, const std::atomic<bool>& running,
+                                       WakeSignal& signal) {
   if (!thread.joinable()) {
     return;
   }
   // A SIGINT that lands after the loop tested its flag but before it entered a
   // blocking channel call sets the flag without interrupting that call. So the
   // thread is signalled again until it has left its loop: the next signal finds it
-  // inside the call and interrupts it.
+  // inside the call and interrupts it. A thread waiting for its ring is woken too.
   while (running) {
     ::pthread_kill(thread.native_handle(), SIGINT);
+    signal.notify();
     for (int i = 0; i < kStopChecks && running; ++i) {
       ::usleep(kStopCheckMicros);
     }
@@ -201,6 +209,35 @@ void TNonblockingUsbSocket::close() {
   stopThreads();
   if (device_->close() < 0) {
     GlobalOutput.printf("Failed to close usb device.");
+  }
+  closeSignal_.notify();
+}
+
+void TNonblockingUsbSocket::pause(Side side, WakeSignal::Ticket seen) {
+  if (waitMode_ == WaitMode::Polling) {
+    ::usleep(kPollMicros);
+  } else if (blockingMode()) {
+    signalOf(side).waitFor(seen, kPollStep);
+  } else if (side == Side::Read) {
+    device_->waitReadable(kPollStep);
+  } else {
+    device_->waitWritable(kPollStep);
+  }
+}
+
+void TNonblockingUsbSocket::waitReadable(WakeSignal::Ticket ticket,
+                                         std::chrono::microseconds limit) {
+  if (blockingMode()) {
+    readSignal_.waitFor(ticket, limit);
+  } else {
+    device_->waitReadable(limit);
+  }
+}
+
+void TNonblockingUsbSocket::waitClosed(std::chrono::microseconds limit) {
+  const WakeSignal::Ticket seen = closeSignal_.ticket();
+  if (isOpen()) {
+    closeSignal_.waitFor(seen, limit);
   }
 }
 
@@ -221,13 +258,17 @@ uint32_t TNonblockingUsbSocket::read(uint8_t* buf, uint32_t len) {
   if (!readRunning_) {
     fail(TTransportException::INTERRUPTED, "Failed to read.");
   }
-  return static_cast<uint32_t>(readBuffer_->read(buf, len));
+  const size_t got = readBuffer_->read(buf, len);
+  if (got > 0) {
+    readSignal_.notify();
+  }
+  return static_cast<uint32_t>(got);
 }
 
 uint32_t TNonblockingUsbSocket::readAll(uint8_t* buf, uint32_t len) {
   std::lock_guard<std::recursive_mutex> lock(readMutex_);
   moveAll(
-      len, device_->maxReadBlockSize_, readTimeout_,
+      len, device_->maxReadBlockSize_, readTimeout_, [this] { return readSignal_.ticket(); },
       [&](uint32_t offset, uint32_t chunk) {
         const uint32_t got = read(buf + offset, chunk);
         const uint32_t left = len - offset;
@@ -239,6 +280,7 @@ uint32_t TNonblockingUsbSocket::readAll(uint8_t* buf, uint32_t len) {
         }
         return got;
       },
+      [this](WakeSignal::Ticket seen) { pause(Side::Read, seen); },
       [&](long long elapsedMs) {
         GlobalOutput.printf("read timeout. %f >= %d", static_cast<double>(elapsedMs),
                             readTimeout_);
@@ -263,14 +305,19 @@ uint32_t TNonblockingUsbSocket::write_partial(const uint8_t* buf, uint32_t len) 
   if (!writeRunning_) {
     fail(TTransportException::INTERRUPTED, "Failed to write.");
   }
-  return static_cast<uint32_t>(writeBuffer_->write(buf, len));
+  const size_t put = writeBuffer_->write(buf, len);
+  if (put > 0) {
+    writeSignal_.notify();
+  }
+  return static_cast<uint32_t>(put);
 }
 
 void TNonblockingUsbSocket::write(const uint8_t* buf, uint32_t len) {
   std::lock_guard<std::recursive_mutex> lock(writeMutex_);
   moveAll(
-      len, device_->maxWriteBlockSize_, writeTimeout_,
+      len, device_->maxWriteBlockSize_, writeTimeout_, [this] { return writeSignal_.ticket(); },
       [&](uint32_t offset, uint32_t chunk) { return write_partial(buf + offset, chunk); },
+      [this](WakeSignal::Ticket seen) { pause(Side::Write, seen); },
       [](long long) { fail(TTransportException::TIMED_OUT, "write timeout."); });
 }
 
@@ -287,8 +334,9 @@ void TNonblockingUsbSocket::flush() {
   size_t last = writeBuffer_->size();
   bool stalled = false;
   Clock::time_point stallStart;
-  while (writeRunning_) {
-    if (writeBuffer_->size() == 0) {
+  for (;;) {
+    const WakeSignal::Ticket seen = writeSignal_.ticket();
+    if (!writeRunning_ || writeBuffer_->size() == 0) {
       break;
     }
     const size_t current = writeBuffer_->size();
@@ -303,7 +351,7 @@ void TNonblockingUsbSocket::flush() {
       }
       stalled = true;
     }
-    ::usleep(kPollMicros);
+    pause(Side::Write, seen);
     last = current;
   }
   if (!writeRunning_) {
@@ -328,14 +376,18 @@ void TNonblockingUsbSocket::readLoop() {
     // what is not queued yet.
     size_t stored = 0;
     while (stored < static_cast<size_t>(got) && quit == 0) {
+      const WakeSignal::Ticket seen = readSignal_.ticket();
       const size_t n = readBuffer_->write(block.get() + stored, static_cast<size_t>(got) - stored);
       if (n == 0) {
-        ::usleep(kPollMicros);
+        pause(Side::Read, seen);
+      } else {
+        readSignal_.notify();
       }
       stored += n;
     }
   }
   readRunning_ = false;
+  readSignal_.notify();
   block.reset();
   GlobalOutput.printf("read thread exit.");
 }
@@ -346,11 +398,13 @@ void TNonblockingUsbSocket::writeLoop() {
   auto block = std::make_unique<uint8_t[]>(blockSize);
   bool channelFailed = false;
   while (quit == 0 && !channelFailed) {
+    const WakeSignal::Ticket seen = writeSignal_.ticket();
     const size_t taken = writeBuffer_->read(block.get(), blockSize);
     if (taken == 0) {
-      ::usleep(kPollMicros);
+      pause(Side::Write, seen);
       continue;
     }
+    writeSignal_.notify();
     // A block is written completely before the next is taken, so the channel sees
     // the bytes in queue order; a stop drops the unwritten rest.
     size_t written = 0;
@@ -367,6 +421,7 @@ void TNonblockingUsbSocket::writeLoop() {
     }
   }
   writeRunning_ = false;
+  writeSignal_.notify();
   block.reset();
   GlobalOutput.printf(channelFailed ? "write thread exit at 1." : "write thread exit at 2.");
 }

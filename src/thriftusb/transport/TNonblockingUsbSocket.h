@@ -2,6 +2,7 @@
 #define THRIFTUSB_TRANSPORT_TNONBLOCKINGUSBSOCKET_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,7 @@
 
 #include <thriftusb/transport/UsbDevice.h>
 #include <thriftusb/util/ThriftCompat.h>
+#include <thriftusb/util/WakeSignal.h>
 #include <thriftusb/util/ring_buffer_s.h>
 
 namespace apache {
@@ -42,6 +44,11 @@ extern thread_local volatile int quit __attribute__((tls_model("initial-exec")))
  * Time-outs limit a silence: readAll() fails when no byte has arrived for readTimeout
  * ms, write() when no byte could be handed over for writeTimeout ms, flush() (blocking
  * mode) when the writer thread has taken nothing for 3 s.
+ *
+ * setWaitMode(WaitMode::Waking) ends each wait as soon as what it waits for has
+ * happened (bytes queued or taken, a thread ended, the transport closed; in
+ * non-blocking mode, the channel ready), the 10 ms step staying the longest single
+ * wait. The time-outs are counted the same way in both modes.
  */
 class TNonblockingUsbSocket : public TVirtualTransport<TNonblockingUsbSocket, TTransportDefaults> {
 public:
@@ -143,6 +150,42 @@ public:
    */
   void write(const uint8_t* buf, uint32_t len);
 
+  /**
+   * Chooses how readAll(), write(), flush() and the two threads wait: polling in 10 ms
+   * steps (WaitMode::Polling, the default) or waking as soon as the awaited change
+   * happens (WaitMode::Waking). May be called at any time; a wait under way ends
+   * within one step either way.
+   * @param mode  the mode of the waits from now on
+   */
+  void setWaitMode(WaitMode mode) { waitMode_ = mode; }
+
+  /** @return the mode set by setWaitMode(), WaitMode::Polling by default */
+  WaitMode getWaitMode() const { return waitMode_; }
+
+  /**
+   * For a reader above this transport that waits for bytes itself (a frame
+   * transport): take this before a read() that may find nothing, and hand it to
+   * waitReadable() when it did.
+   * @return a ticket of the read side
+   */
+  WakeSignal::Ticket readTicket() const { return readSignal_.ticket(); }
+
+  /**
+   * Waits until bytes may have arrived since @p ticket was taken, the reader thread
+   * has ended or the transport is closed, for at most @p limit; whatever this
+   * transport's own mode. In non-blocking mode it waits for the channel.
+   * @param ticket  from readTicket(), taken before the read() that found nothing
+   * @param limit   the longest the wait lasts
+   */
+  void waitReadable(WakeSignal::Ticket ticket, std::chrono::microseconds limit);
+
+  /**
+   * Waits until the transport is closed, for at most @p limit; returns at once when
+   * it is not open. For an owner that hands out one connection at a time.
+   * @param limit  the longest the wait lasts
+   */
+  void waitClosed(std::chrono::microseconds limit);
+
   /** Body of the reader thread; not for callers. */
   void readLoop();
 
@@ -150,10 +193,15 @@ public:
   void writeLoop();
 
 private:
+  enum class Side { Read, Write };
+
   bool blockingMode() const { return !device_->nonblocking_; }
   void startThreads();
   void stopThreads();
-  static void stopThread(std::thread& thread, const std::atomic<bool>& running);
+  static void stopThread(std::thread& thread, const std::atomic<bool>& running,
+                         WakeSignal& signal);
+  WakeSignal& signalOf(Side side) { return side == Side::Read ? readSignal_ : writeSignal_; }
+  void pause(Side side, WakeSignal::Ticket seen);
 
   std::shared_ptr<UsbDevice> device_;
   std::shared_ptr<ring_buffer_s> readBuffer_;
@@ -168,6 +216,13 @@ private:
   int readTimeout_;
   int writeTimeout_;
   int bufferSize_;
+  std::atomic<WaitMode> waitMode_;
+  // Told of every change a waiter of that side may wait for: bytes queued or taken in
+  // its ring, its thread ended or told to stop.
+  WakeSignal readSignal_;
+  WakeSignal writeSignal_;
+  // Told when close() has closed the channel.
+  WakeSignal closeSignal_;
 };
 
 } // namespace transport

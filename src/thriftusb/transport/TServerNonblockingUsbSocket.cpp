@@ -22,6 +22,7 @@ constexpr int kChildRingBufferSize = 4194304;
 // Polling step of accept: waiting for the previous transport, before each open attempt
 // and after a failed one (so a missing node is retried about every 200 ms).
 constexpr useconds_t kPollMicros = 100000;
+constexpr std::chrono::microseconds kPollStep(kPollMicros);
 
 } // namespace
 
@@ -76,6 +77,7 @@ void TServerNonblockingUsbSocket::interruptChildren() {
 void TServerNonblockingUsbSocket::interrupt() {
   interruptChildren();
   interrupted_.store(true);
+  interruptSignal_.notify();
 }
 
 void TServerNonblockingUsbSocket::close() {
@@ -90,11 +92,15 @@ std::shared_ptr<TTransport> TServerNonblockingUsbSocket::acceptImpl() {
   throwIfInterrupted();
   for (;;) {
     // One connection at a time: wait until the transport handed out last is closed.
-    while (childIsOpen()) {
-      ::usleep(kPollMicros);
+    while (const auto previous = openChild()) {
+      waitForChild(previous);
       throwIfInterrupted();
     }
-    ::usleep(kPollMicros);
+    pause();
+    if (waitMode_ == WaitMode::Waking) {
+      // The pause ends early only for an interrupt: no open is attempted then.
+      throwIfInterrupted();
+    }
 
     auto child = makeChild();
     replaceChild(child);
@@ -104,7 +110,7 @@ std::shared_ptr<TTransport> TServerNonblockingUsbSocket::acceptImpl() {
       // The node is not there (yet): drop this attempt and try again.
       replaceChild(nullptr);
       child.reset();
-      ::usleep(kPollMicros);
+      pause();
       throwIfInterrupted();
       continue;
     }
@@ -127,8 +133,30 @@ std::shared_ptr<TNonblockingUsbSocket> TServerNonblockingUsbSocket::makeChild() 
     device = std::make_shared<TUsbDevice>(path_, nonblocking_, maxReadBlockSize_,
                                           maxWriteBlockSize_);
   }
-  return std::make_shared<TNonblockingUsbSocket>(device, kChildReadTimeoutMs,
-                                                 kChildWriteTimeoutMs, kChildRingBufferSize);
+  auto child = std::make_shared<TNonblockingUsbSocket>(device, kChildReadTimeoutMs,
+                                                       kChildWriteTimeoutMs, kChildRingBufferSize);
+  child->setWaitMode(waitMode_);
+  return child;
+}
+
+void TServerNonblockingUsbSocket::waitForChild(const std::shared_ptr<TNonblockingUsbSocket>& child) {
+  if (waitMode_ == WaitMode::Polling) {
+    ::usleep(kPollMicros);
+  } else {
+    // interrupt() closes the child first, which ends this wait too.
+    child->waitClosed(kPollStep);
+  }
+}
+
+void TServerNonblockingUsbSocket::pause() {
+  if (waitMode_ == WaitMode::Polling) {
+    ::usleep(kPollMicros);
+    return;
+  }
+  const WakeSignal::Ticket seen = interruptSignal_.ticket();
+  if (!interrupted_.load()) {
+    interruptSignal_.waitFor(seen, kPollStep);
+  }
 }
 
 std::shared_ptr<TNonblockingUsbSocket> TServerNonblockingUsbSocket::currentChild() const {
@@ -136,9 +164,9 @@ std::shared_ptr<TNonblockingUsbSocket> TServerNonblockingUsbSocket::currentChild
   return child_;
 }
 
-bool TServerNonblockingUsbSocket::childIsOpen() const {
-  const auto child = currentChild();
-  return child && child->isOpen();
+std::shared_ptr<TNonblockingUsbSocket> TServerNonblockingUsbSocket::openChild() const {
+  auto child = currentChild();
+  return child && child->isOpen() ? child : nullptr;
 }
 
 void TServerNonblockingUsbSocket::replaceChild(std::shared_ptr<TNonblockingUsbSocket> child) {

@@ -14,6 +14,7 @@
 
 #include <thriftusb/transport/TNonblockingUsbSocket.h>
 #include <thriftusb/util/ThriftCompat.h>
+#include <thriftusb/util/WakeSignal.h>
 
 namespace apache {
 namespace thrift {
@@ -83,6 +84,19 @@ public:
   void setPreOpenCallback(PreOpenCallback callback);
 
   /**
+   * Chooses how accept waits, and the mode of every transport handed out from then
+   * on (TNonblockingUsbSocket::setWaitMode()). WaitMode::Polling, the default, looks
+   * every 100 ms; with WaitMode::Waking accept goes on as soon as the transport handed
+   * out last is closed, and an interrupt() ends its waits at once. The 100 ms pause
+   * before each open attempt stays.
+   * @param mode  the mode of accept's waits and of the transports handed out from now on
+   */
+  void setWaitMode(WaitMode mode) { waitMode_ = mode; }
+
+  /** @return the mode set by setWaitMode(), WaitMode::Polling by default */
+  WaitMode getWaitMode() const { return waitMode_; }
+
+  /**
    * @return true while accept() may hand out transports, that is while the server
    *         transport is not interrupted (from construction or listen() until
    *         interrupt() or close())
@@ -122,10 +136,12 @@ protected:
 
 private:
   std::shared_ptr<TNonblockingUsbSocket> currentChild() const;
-  bool childIsOpen() const;
+  std::shared_ptr<TNonblockingUsbSocket> openChild() const;
   void replaceChild(std::shared_ptr<TNonblockingUsbSocket> child);
   std::shared_ptr<TNonblockingUsbSocket> makeChild();
   void throwIfInterrupted() const;
+  void waitForChild(const std::shared_ptr<TNonblockingUsbSocket>& child);
+  void pause();
 
   int socketFd_;
   std::string path_;
@@ -140,6 +156,9 @@ private:
   // Guards the child_ pointer only: held while it is read or replaced, never while
   // waiting, calling the callback or opening.
   mutable std::mutex childMutex_;
+  std::atomic<WaitMode> waitMode_{WaitMode::Polling};
+  // Told by interrupt(): ends accept's waits in waking mode.
+  WakeSignal interruptSignal_;
 };
 
 } // namespace transport

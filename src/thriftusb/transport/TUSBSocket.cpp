@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <sstream>
 
 #include <fcntl.h>
@@ -22,8 +23,10 @@ constexpr int kOneNodeFlags = O_RDWR | O_EXCL | O_NONBLOCK;
 constexpr int kReadNodeFlags = O_RDONLY | O_EXCL | O_NONBLOCK;
 constexpr int kWriteNodeFlags = O_WRONLY | O_EXCL | O_NONBLOCK;
 
-// Pause between two reads of a node that had no data.
+// Pause between two reads of a node that had no data; in waking mode, the longest
+// wait on the node, in either direction.
 constexpr useconds_t kReadPollMicros = 1000;
+constexpr std::chrono::microseconds kNodeWaitStep(kReadPollMicros);
 
 // Logs a failed system call with the node's path and throws the runtime's exception
 // for it. The exception names only the operation, as the runtime's own transports do;
@@ -118,19 +121,23 @@ uint32_t TUSBSocket::read(uint8_t* buf, uint32_t len) {
     throw TTransportException(TTransportException::NOT_OPEN, "Called read on non-open usb socket");
   }
   const auto block = static_cast<uint32_t>(maxBlockSize_);
+  DescriptorWait readable(DescriptorWait::For::Reading);
   uint32_t received = 0;
   while (received < len) {
     const ssize_t got = ::read(readFd_, buf + received, std::min(len - received, block));
     if (got > 0) {
       received += static_cast<uint32_t>(got);
+      readable.progressed();
     } else if (got == 0) {
       // The node reports end of data: whatever part of the request arrived is lost.
       throw TTransportException(TTransportException::TIMED_OUT, "recv timeout expired");
-    } else if (errno == EAGAIN) {
-      ::usleep(kReadPollMicros);
-    } else {
+    } else if (errno != EAGAIN) {
       const int error = errno;
       failSystemCall("TUSBSocket::read() " + readPath_, "TUSBSocket::read()", error);
+    } else if (waitMode_ == WaitMode::Waking) {
+      readable.wait(readFd_, kNodeWaitStep);
+    } else {
+      ::usleep(kReadPollMicros);
     }
   }
   return len;
@@ -143,11 +150,19 @@ void TUSBSocket::write(const uint8_t* buf, uint32_t len) {
                               "Called write on non-open usb socket");
   }
   const auto block = static_cast<uint32_t>(maxBlockSize_);
+  DescriptorWait writable(DescriptorWait::For::Writing);
   uint32_t sent = 0;
   while (sent < len) {
-    // A busy node gives 0 and is asked again at once: the device drains quickly and a
-    // sleep here would cost a whole millisecond per block.
-    sent += write_partial(buf + sent, std::min(len - sent, block));
+    // When polling, a busy node gives 0 and is asked again at once: the device drains
+    // quickly and a sleep here would cost a whole millisecond per block. When waking,
+    // the node tells when it can take more, and the core is not spent asking.
+    const uint32_t put = write_partial(buf + sent, std::min(len - sent, block));
+    sent += put;
+    if (put > 0) {
+      writable.progressed();
+    } else if (waitMode_ == WaitMode::Waking) {
+      writable.wait(writeFd_, kNodeWaitStep);
+    }
   }
   ::fsync(writeFd_);
 }

@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TRANSPORT_TUSBSOCKET_H
 #define THRIFTUSB_TRANSPORT_TUSBSOCKET_H
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -9,6 +10,7 @@
 #include <thrift/transport/TVirtualTransport.h>
 
 #include <thriftusb/util/ThriftCompat.h>
+#include <thriftusb/util/WakeSignal.h>
 
 namespace apache {
 namespace thrift {
@@ -127,6 +129,18 @@ public:
    */
   virtual uint32_t write_partial(const uint8_t* buf, uint32_t len);
 
+  /**
+   * Chooses how read() waits for bytes and write() for a busy node to take more:
+   * WaitMode::Polling (the default) sleeps 1 ms between reads and retries a busy node
+   * at once; WaitMode::Waking waits on the node itself with poll(2), at most 1 ms at a
+   * time, in both directions. May be called at any time.
+   * @param mode  the mode of the waits from now on
+   */
+  void setWaitMode(WaitMode mode) { waitMode_ = mode; }
+
+  /** @return the mode set by setWaitMode(), WaitMode::Polling by default */
+  WaitMode getWaitMode() const { return waitMode_; }
+
 private:
   std::string readPath_;
   std::string writePath_;
@@ -136,6 +150,7 @@ private:
   int reserved_;
   int maxBlockSize_;
   std::recursive_mutex mutex_;
+  std::atomic<WaitMode> waitMode_{WaitMode::Polling};
 };
 
 } // namespace transport

@@ -107,6 +107,9 @@ int64_t TUsbDevice::read(unsigned char* buf, unsigned int len) {
   // No open test: on a closed channel the system call fails with EBADF, which is
   // logged and reported as a broken channel.
   const ssize_t got = ::read(readFd_, buf, len);
+  if (got > 0) {
+    readWait_.progressed();
+  }
   return got >= 0 ? got : failedTransfer("Failed to read %s.", errno);
 }
 
@@ -115,12 +118,23 @@ int64_t TUsbDevice::write(const unsigned char* buf, unsigned int len) {
     return -1;
   }
   const ssize_t put = ::write(writeFd_, buf, len);
+  if (put > 0) {
+    writeWait_.progressed();
+  }
   return put >= 0 ? put : failedTransfer("Failed to write %s.", errno);
 }
 
 void TUsbDevice::cancelIo() {}
 
 void TUsbDevice::cancelIo(unsigned long) {}
+
+void TUsbDevice::waitReadable(std::chrono::microseconds limit) {
+  readWait_.wait(readFd_, limit);
+}
+
+void TUsbDevice::waitWritable(std::chrono::microseconds limit) {
+  writeWait_.wait(writeFd_, limit);
+}
 
 } // namespace transport
 } // namespace thrift

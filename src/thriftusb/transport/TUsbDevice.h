@@ -5,6 +5,7 @@
 #include <string>
 
 #include <thriftusb/transport/UsbDevice.h>
+#include <thriftusb/util/WakeSignal.h>
 
 namespace apache {
 namespace thrift {
@@ -90,6 +91,18 @@ public:
   /** Does nothing; the argument is not used. */
   void cancelIo(unsigned long) override;
 
+  /**
+   * Waits with poll(2) on the read node.
+   * @param limit  the longest the wait lasts
+   */
+  void waitReadable(std::chrono::microseconds limit) override;
+
+  /**
+   * Waits with poll(2) on the write node.
+   * @param limit  the longest the wait lasts
+   */
+  void waitWritable(std::chrono::microseconds limit) override;
+
 private:
   std::string path_;
   std::string readPath_;
@@ -98,6 +111,8 @@ private:
   // the channel (a server polling the connection it handed out, for instance).
   std::atomic<int> readFd_;
   std::atomic<int> writeFd_;
+  DescriptorWait readWait_{DescriptorWait::For::Reading};
+  DescriptorWait writeWait_{DescriptorWait::For::Writing};
 };
 
 } // namespace transport

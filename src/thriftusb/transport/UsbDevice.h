@@ -1,6 +1,7 @@
 #ifndef THRIFTUSB_TRANSPORT_USBDEVICE_H
 #define THRIFTUSB_TRANSPORT_USBDEVICE_H
 
+#include <chrono>
 #include <cstdint>
 
 namespace apache {
@@ -77,6 +78,21 @@ public:
 
   /** Hook to abandon I/O in progress; the argument is for the implementation to use. */
   virtual void cancelIo(unsigned long) = 0;
+
+  /**
+   * Waits until read() may find bytes, for at most @p limit. A transport in waking
+   * mode calls it after a read() of a non-blocking channel gave 0. This default sleeps
+   * @p limit, as a polling transport does; a channel that can be told when bytes
+   * arrive ends the wait then.
+   * @param limit  the longest the wait lasts
+   */
+  virtual void waitReadable(std::chrono::microseconds limit);
+
+  /**
+   * As waitReadable(), for a write() that gave 0: until write() may take bytes.
+   * @param limit  the longest the wait lasts
+   */
+  virtual void waitWritable(std::chrono::microseconds limit);
 
   /** Whether read() and write() return promptly (see the constructor). */
   const bool nonblocking_;
