@@ -25,11 +25,11 @@ MUTANTS = [
   (T+"TNonblockingUsbSocket.cpp", "  if (!writeRunning_) {\n    fail(TTransportException::INTERRUPTED, \"Failed to flush usb device.\");\n  }\n}", "}",
    "flush succeeds though the writer thread has ended"),
   # The server transport
-  (T+"TServerNonblockingUsbSocket.cpp", "    while (childIsOpen()) {", "    if (childIsOpen()) {",
+  (T+"TServerNonblockingUsbSocket.cpp", "    while (const auto previous = openChild()) {", "    if (const auto previous = openChild()) {",
    "a second connection is handed out while the first is open"),
   (T+"TServerNonblockingUsbSocket.cpp", "void TServerNonblockingUsbSocket::interrupt() {\n  interruptChildren();", "void TServerNonblockingUsbSocket::interrupt() {",
    "interrupt leaves the connection open"),
-  (T+"TServerNonblockingUsbSocket.cpp", "      ::usleep(kPollMicros);\n      throwIfInterrupted();\n      continue;", "      throw;",
+  (T+"TServerNonblockingUsbSocket.cpp", "      pause();\n      throwIfInterrupted();\n      continue;", "      throw;",
    "accept gives up when the nodes cannot be opened yet"),
   # Frames and the cipher
   (T+"SecurityFrame.cpp", "  if (encrypted && (n == 0 || n % 16 != 0)) {", "  if (encrypted && n % 16 != 0) {",

@@ -17,6 +17,7 @@
 #include "support/FdIo.h"
 #include "support/LogCapture.h"
 #include "support/SyscallSpy.h"
+#include "support/WaitModes.h"
 
 using apache::thrift::transport::TNonblockingUsbSocket;
 using apache::thrift::transport::TTransportException;
@@ -33,11 +34,13 @@ constexpr unsigned kBlock = 64;
 // default its rings hold less than a transfer of the tests, so that every byte has to
 // wait for room in them.
 struct Link {
-  explicit Link(bool nonblocking, int readTimeout = 1000, int writeTimeout = 1000,
-                int bufferSize = 100)
+  explicit Link(bool nonblocking, WaitMode mode, int readTimeout = 1000,
+                int writeTimeout = 1000, int bufferSize = 100)
     : device(std::make_shared<TUsbDevice>(cable.host().readPath, cable.host().writePath,
                                           nonblocking, kBlock, kBlock)),
-      socket(device, readTimeout, writeTimeout, bufferSize) {}
+      socket(device, readTimeout, writeTimeout, bufferSize) {
+    socket.setWaitMode(mode);
+  }
   void send(const std::string& bytes) {
     socket.write(u8(bytes), static_cast<uint32_t>(bytes.size()));
   }
@@ -56,14 +59,19 @@ struct Link {
 
 } // namespace
 
-class TNonblockingUsbSocketModes : public ::testing::TestWithParam<bool> {};
+// Each test runs with the channel blocking and non-blocking, polling and waking.
+class TNonblockingUsbSocketModes : public ::testing::TestWithParam<std::tuple<bool, WaitMode>> {
+protected:
+  bool nonblocking() const { return std::get<0>(GetParam()); }
+  WaitMode mode() const { return std::get<1>(GetParam()); }
+};
 
 TEST_P(TNonblockingUsbSocketModes, CarriesDataBothWaysInChunksOfTheBlockSize) {
-  Link link(GetParam());
+  Link link(nonblocking(), mode());
   link.socket.open();
   const std::string request = patternBytes(1000, 5);
   link.send(request);
-  if (GetParam()) {
+  if (nonblocking()) {
     // Non-blocking mode flushes the channel, and a FIFO cannot be synchronised.
     EXPECT_TRUE(throwsTransport([&] { link.socket.flush(); }, TTransportException::INTERRUPTED,
                                 "Failed to flush usb device."));
@@ -82,7 +90,7 @@ TEST_P(TNonblockingUsbSocketModes, CarriesDataBothWaysInChunksOfTheBlockSize) {
 }
 
 TEST_P(TNonblockingUsbSocketModes, RefuseLengthsOverABlockAndGiveUpAfterTheTimeOutWithoutProgress) {
-  Link link(GetParam(), 50, 50, 8192);
+  Link link(nonblocking(), mode(), 50, 50, 8192);
   LogCapture log;
   uint8_t buf[kBlock + 1] = {};
   // Refused before anything else is looked at, even on a closed transport.
@@ -105,15 +113,17 @@ TEST_P(TNonblockingUsbSocketModes, RefuseLengthsOverABlockAndGiveUpAfterTheTimeO
                               TTransportException::TIMED_OUT, "write timeout."));
 }
 
-INSTANTIATE_TEST_SUITE_P(BlockingAndNonBlocking, TNonblockingUsbSocketModes, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(BlockingAndNonBlocking, TNonblockingUsbSocketModes,
+                         ::testing::Combine(::testing::Bool(), kWaitModes));
 
 // A broken channel ends the thread that met it, and the calls that need that thread
 // fail from then on.
-class TNonblockingUsbSocketBroken : public ::testing::TestWithParam<bool> {};
+class TNonblockingUsbSocketBroken
+  : public ::testing::TestWithParam<std::tuple<bool, WaitMode>> {};
 
 TEST_P(TNonblockingUsbSocketBroken, ChannelEndsItsThreadAndItsCallsFail) {
-  const bool reading = GetParam();
-  Link link(false);
+  const bool reading = std::get<0>(GetParam());
+  Link link(false, std::get<1>(GetParam()));
   LogCapture log;
   SyscallSpy spy; // outlives the transport's threads
   spy.watch(descriptorsOpenedBy([&] { link.socket.open(); }));
@@ -134,7 +144,8 @@ TEST_P(TNonblockingUsbSocketBroken, ChannelEndsItsThreadAndItsCallsFail) {
   link.socket.close();
 }
 
-INSTANTIATE_TEST_SUITE_P(ReadAndWrite, TNonblockingUsbSocketBroken, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(ReadAndWrite, TNonblockingUsbSocketBroken,
+                         ::testing::Combine(::testing::Bool(), kWaitModes));
 
 // A call that waits on a blocking-mode transport, and what it fails with once another
 // thread closes the transport.
@@ -143,26 +154,29 @@ struct Waiting {
   size_t bytes; // written before the call (Flush) or by it (Write)
   std::function<void(Link&, const std::string&)> call;
   const char* message;
+  friend void PrintTo(const Waiting& call, std::ostream* out) { *out << call.name; }
 };
 
-class TNonblockingUsbSocketCloseDuring : public ::testing::TestWithParam<Waiting> {};
+class TNonblockingUsbSocketCloseDuring
+  : public ::testing::TestWithParam<std::tuple<Waiting, WaitMode>> {};
 
 TEST_P(TNonblockingUsbSocketCloseDuring, EndsTheWaitingCallWithInterruptedAtOnce) {
+  const Waiting& call = std::get<0>(GetParam());
   // Time-outs far away: only the close can end the call. The peer reads nothing, so
   // the FIFO fills (64 KiB) and the writer thread blocks inside the channel's write;
   // a 1 MiB write then waits for room in the queue, and a flush after a write that
   // fits waits for the queue to drain.
-  Link link(false, 60000, 60000, 65536);
+  Link link(false, std::get<1>(GetParam()), 60000, 60000, 65536);
   LogCapture log;
   link.socket.open();
-  const std::string data = patternBytes(GetParam().bytes);
-  PeerThread waiting([&] { GetParam().call(link, data); });
+  const std::string data = patternBytes(call.bytes);
+  PeerThread waiting([&] { call.call(link, data); });
   ASSERT_TRUE(waitUntil([&] { return link.unread() == (data.empty() ? 0 : 65536); }));
   ASSERT_FALSE(waiting.waitFor(100ms));
   const auto start = std::chrono::steady_clock::now();
   link.socket.close();
   EXPECT_TRUE(throwsTransport([&] { waiting.join(); }, TTransportException::INTERRUPTED,
-                              GetParam().message));
+                              call.message));
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_EQ(log.count("read thread exit."), 1u);
   EXPECT_EQ(log.count("write thread exit at 2."), 1u);
@@ -170,7 +184,7 @@ TEST_P(TNonblockingUsbSocketCloseDuring, EndsTheWaitingCallWithInterruptedAtOnce
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, TNonblockingUsbSocketCloseDuring,
-    ::testing::Values(
+    ::testing::Combine(::testing::Values(
         Waiting{"ReadAll", 0,
                 [](Link& l, const std::string&) {
                   uint8_t buf[8];
@@ -185,10 +199,16 @@ INSTANTIATE_TEST_SUITE_P(
                   l.socket.flush();
                 },
                 "Failed to flush usb device."}),
-    [](const auto& info) { return std::string(info.param.name); });
+                       kWaitModes),
+    [](const auto& info) {
+      return std::get<0>(info.param).name + modeName(std::get<1>(info.param));
+    });
 
-TEST(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) {
-  Link link(false, 60000, 60000, 8192);
+class TNonblockingUsbSocketBlocking : public ::testing::TestWithParam<WaitMode> {};
+
+// Waking mode waits on the real clock: this test takes its 3 s there.
+TEST_P(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) {
+  Link link(false, GetParam(), 60000, 60000, 8192);
   link.socket.open();
   link.send(patternBytes(65536 + 2048));
   // Let the FIFO fill before time goes virtual: the writer thread then blocks with its
@@ -205,3 +225,5 @@ TEST(TNonblockingUsbSocketBlocking, FlushFailsAfterThreeSecondsWithoutProgress) 
   spy.setVirtualTime(false);
   link.socket.close();
 }
+
+INSTANTIATE_TEST_SUITE_P(Modes, TNonblockingUsbSocketBlocking, kWaitModes);

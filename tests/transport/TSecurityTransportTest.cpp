@@ -55,9 +55,13 @@ struct Probe : Transport {
 };
 
 // The transports under test: TSecurityTransport, TNonblockingSecurityTransport
-// encrypted and plain.
-template <bool B, bool E = true>
-struct Config { static constexpr bool kBlocking = B, kEncrypted = E; };
+// encrypted and plain, and in waking mode, which over an inner transport that cannot
+// announce bytes polls as before.
+template <bool B, bool E = true, WaitMode M = WaitMode::Polling>
+struct Config {
+  static constexpr bool kBlocking = B, kEncrypted = E;
+  static constexpr WaitMode kMode = M;
+};
 
 } // namespace
 
@@ -70,8 +74,10 @@ protected:
     if constexpr (Config::kBlocking) {
       return std::make_shared<Probe<TSecurityTransport>>(inner, cipher, reclaim, maxFrame);
     } else {
-      return std::make_shared<Probe<TNonblockingSecurityTransport>>(
+      auto t = std::make_shared<Probe<TNonblockingSecurityTransport>>(
           inner, cipher, Config::kEncrypted, reclaim, maxFrame);
+      t->setWaitMode(Config::kMode);
+      return t;
     }
   }
   std::string frame(const std::string& payload) { return frameOf(payload, cipher); }
@@ -81,7 +87,8 @@ protected:
   const std::shared_ptr<Sm4Cipher> cipher = Config::kEncrypted ? std::make_shared<Sm4Cipher>(
       "0123456789abcdef", Sm4Cipher::Mode::CBC, "fedcba9876543210") : nullptr;
 };
-using Configs = ::testing::Types<Config<true>, Config<false>, Config<false, false>>;
+using Configs = ::testing::Types<Config<true>, Config<false>, Config<false, false>,
+                                 Config<false, true, WaitMode::Waking>>;
 TYPED_TEST_SUITE(SecurityTransport, Configs);
 
 // Each flush sends one frame in one write; a read joins a header that comes in pieces
