@@ -10,13 +10,12 @@
 #include <benchmark/benchmark.h>
 #include <thrift/transport/TTransport.h>
 
+#include <thriftusb/util/WakeSignal.h>
+
 namespace thriftusb {
 namespace bench {
 
-/** How the threaded transports wait for bytes and room. */
-enum class Waiting {
-  Polling, ///< fixed sleeps of 10 ms, the transports' behaviour today
-};
+using apache::thrift::transport::WaitMode;
 
 /** What a stack is built with; every stack of one benchmark gets the same. */
 struct StackOptions {
@@ -32,7 +31,8 @@ struct StackOptions {
   int ringBytes = 16 << 20;
   /** Read and write time-out of TNonblockingUsbSocket, milliseconds. */
   int timeoutMs = 3000;
-  Waiting waiting = Waiting::Polling;
+  /** How the transports of both ends wait; the anchors wait in the kernel whatever it is. */
+  WaitMode waiting = WaitMode::Polling;
 };
 
 /** One end of a connection. */
@@ -58,9 +58,12 @@ struct Stack {
   std::string id;        ///< short name in the benchmark names, e.g. "usbsocket"
   std::string label;     ///< name in the report
   bool framed = false;   ///< sends a frame per flush
-  bool threaded = false; ///< built on TNonblockingUsbSocket: has a Waiting mode
+  bool threaded = false; ///< built on TNonblockingUsbSocket
   /** The polling step of its waits, microseconds; 0 when it waits in the kernel. */
   int stepMicros = 0;
+
+  /** Whether its waits have a step, and so a WaitMode: every stack but the anchors. */
+  bool hasWaitMode() const { return stepMicros > 0; }
 };
 
 /** Every stack, anchors first. */

@@ -93,6 +93,7 @@ std::shared_ptr<Sm4Cipher> makeCipher(bool encrypted) {
 std::shared_ptr<TTransport> openUsbSocket(const VirtualCable::End& end, const StackOptions& o) {
   auto socket = std::make_shared<TUSBSocket>(end.readPath, end.writePath, kReserved,
                                              static_cast<int>(o.blockBytes));
+  socket->setWaitMode(o.waiting);
   socket->open();
   return socket;
 }
@@ -103,6 +104,7 @@ std::shared_ptr<TTransport> openThreaded(const VirtualCable::End& end, const Sta
                                                 o.blockBytes, o.blockBytes);
   auto socket =
       std::make_shared<TNonblockingUsbSocket>(device, o.timeoutMs, o.timeoutMs, o.ringBytes);
+  socket->setWaitMode(o.waiting);
   socket->open();
   return socket;
 }
@@ -159,8 +161,10 @@ Link openEnd(const Stack& stack, const VirtualCable::End& end, const StackOption
     return both(socket);
   }
   const bool encrypted = has(stack.id, "sm4");
-  return both(
-      std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(encrypted), encrypted));
+  auto security =
+      std::make_shared<TNonblockingSecurityTransport>(socket, makeCipher(encrypted), encrypted);
+  security->setWaitMode(o.waiting);
+  return both(security);
 }
 
 } // namespace

@@ -292,8 +292,9 @@ void pingBench(benchmark::State& state, const Stack& stack, const StackOptions& 
 
 // An open connection left alone, its device end waiting for a call: the process's CPU
 // over the window.
-void idleBench(benchmark::State& state, const Stack& stack, StackOptions options) {
+void idleBench(benchmark::State& state, const Stack& stack, const StackOptions& base) {
   // The waiting server must not time out within the window.
+  StackOptions options = base;
   options.timeoutMs = static_cast<int>(gIdleSeconds * 1000) + 60000;
   Served served(stack, options);
   served.client.ping();
@@ -308,19 +309,40 @@ void idleBench(benchmark::State& state, const Stack& stack, StackOptions options
   state.SetLabel(stack.label);
 }
 
-// Every case of one stack. A threaded stack's name carries its waiting mode, so that
-// another mode can run beside it.
+using Case = std::function<void(benchmark::State&, const Stack&, const StackOptions&)>;
+using Setup = std::function<void(benchmark::internal::Benchmark*)>;
+
+// Registers @p body on @p stack as "<kind>/<stack id>/<mode><variant>" once per wait
+// mode, the modes one after the other so that both see the same machine; both ends of
+// the connection wait in the same mode. An anchor, which waits in the kernel, once and
+// without a mode. @p setup gives each its timing.
+void addModes(const Stack& stack, const std::string& kind, const std::string& variant,
+              const StackOptions& options, const Case& body, const Setup& setup) {
+  const std::vector<std::pair<WaitMode, std::string>> modes = {{WaitMode::Polling, "/polling"},
+                                                               {WaitMode::Waking, "/waking"}};
+  for (const auto& [mode, suffix] : modes) {
+    if (mode != WaitMode::Polling && !stack.hasWaitMode()) {
+      break;
+    }
+    StackOptions o = options;
+    o.waiting = mode;
+    const std::string name =
+        kind + "/" + stack.id + (stack.hasWaitMode() ? suffix : "") + variant;
+    setup(add(name, [&stack, o, body](benchmark::State& state) { body(state, stack, o); }));
+  }
+}
+
+// Every case of one stack.
 void registerStack(const Stack& stack, const Timing& timing, const StackOptions& base) {
-  const std::string id =
-      stack.id + (stack.threaded && base.waiting == Waiting::Polling ? "/polling" : "");
+  const Setup throughput = [&timing](benchmark::internal::Benchmark* b) {
+    timing.repeated(b, 0.4)->UseRealTime();
+  };
   auto stream = [&](const std::string& variant, const StackOptions& o, int blocksPerFlush) {
-    timing
-        .repeated(add("stream/" + id + variant,
-                      [&stack, o, blocksPerFlush](benchmark::State& state) {
-                        streamBench(state, stack, o, blocksPerFlush);
-                      }),
-                  0.4)
-        ->UseRealTime();
+    const Case body = [blocksPerFlush](benchmark::State& state, const Stack& s,
+                                       const StackOptions& m) {
+      streamBench(state, s, m, blocksPerFlush);
+    };
+    addModes(stack, "stream", variant, o, body, throughput);
   };
   stream("", base, stack.framed ? 1 : 0);
   if (stack.framed) {
@@ -339,17 +361,14 @@ void registerStack(const Stack& stack, const Timing& timing, const StackOptions&
     o.pipeBytes = 64 << 10;
     stream("/cable:64KiB", o, stack.framed ? 1 : 0);
   }
-  timing.repeated(add("echo/" + id, [&](benchmark::State& s) { echoBench(s, stack, base); }), 0.4)
-      ->UseRealTime();
-  add("ping/" + id, [&](benchmark::State& s) { pingBench(s, stack, base); })
-      ->UseManualTime()
-      ->Unit(benchmark::kMillisecond)
-      ->MinTime(timing.quick ? 0.01 : 4);
+  addModes(stack, "echo", "", base, echoBench, throughput);
+  addModes(stack, "ping", "", base, pingBench, [&timing](benchmark::internal::Benchmark* b) {
+    b->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(timing.quick ? 0.01 : 4);
+  });
   if (stack.id != "tcp" && stack.id.find("sm4") == std::string::npos) {
-    add("idle/" + id, [&](benchmark::State& s) { idleBench(s, stack, base); })
-        ->Iterations(1)
-        ->UseManualTime()
-        ->Unit(benchmark::kSecond);
+    addModes(stack, "idle", "", base, idleBench, [](benchmark::internal::Benchmark* b) {
+      b->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+    });
   }
 }
 
