@@ -2,7 +2,6 @@
 #define THRIFTUSB_TESTS_SUPPORT_WAITMODES_H
 
 #include <ostream>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -28,11 +27,6 @@ using apache::thrift::transport::WaitMode;
 
 /** Both wait modes, for tests that must hold in either. */
 inline const auto kWaitModes = ::testing::Values(WaitMode::Polling, WaitMode::Waking);
-
-/** "Polling" or "Waking", for test names. */
-inline std::string modeName(WaitMode mode) {
-  return ::testing::PrintToString(mode);
-}
 
 } // namespace test
 } // namespace thriftusb

@@ -201,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "Failed to flush usb device."}),
                        kWaitModes),
     [](const auto& info) {
-      return std::get<0>(info.param).name + modeName(std::get<1>(info.param));
+      return std::get<0>(info.param).name + ::testing::PrintToString(std::get<1>(info.param));
     });
 
 class TNonblockingUsbSocketBlocking : public ::testing::TestWithParam<WaitMode> {};
