@@ -25,11 +25,14 @@ constexpr int kReserved = 0;
 } // namespace
 
 BlockingLink::BlockingLink(const std::string& readPath, const std::string& writePath,
-                           std::shared_ptr<Sm4Cipher> cipher)
+                           std::shared_ptr<Sm4Cipher> cipher,
+                           apache::thrift::transport::WaitMode waitMode)
   : socket(std::make_shared<TUSBSocket>(readPath, writePath, kReserved,
                                         g_demo_constants.BLOCK_SIZE)),
     transport(withFrames<TSecurityTransport>(socket, std::move(cipher))),
-    protocol(std::make_shared<TBinaryProtocol>(transport)) {}
+    protocol(std::make_shared<TBinaryProtocol>(transport)) {
+  socket->setWaitMode(waitMode);
+}
 
 TTransportException serveUntilHangUp(
     apache::thrift::TProcessor& processor,

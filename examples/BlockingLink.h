@@ -26,9 +26,12 @@ struct BlockingLink {
    * @param readPath   node that carries the peer's bytes to this end
    * @param writePath  node that carries this end's bytes to the peer
    * @param cipher     encrypts every call when set; null: no framing
+   * @param waitMode   how the transport waits for the node
    */
   BlockingLink(const std::string& readPath, const std::string& writePath,
-               std::shared_ptr<Sm4Cipher> cipher = nullptr);
+               std::shared_ptr<Sm4Cipher> cipher = nullptr,
+               apache::thrift::transport::WaitMode waitMode =
+                   apache::thrift::transport::WaitMode::Polling);
 
   std::shared_ptr<apache::thrift::transport::TUSBSocket> socket;
   /** The outermost transport: the encrypted frames, or `socket` itself. */

@@ -50,6 +50,10 @@ bool parseDemoOptions(int argc, char** argv, bool allowBlocking, DemoOptions& op
       options.blocking = true;
       ++arg;
     }
+    if (next("--waking")) {
+      options.waitMode = apache::thrift::transport::WaitMode::Waking;
+      ++arg;
+    }
     if (next("--encrypted")) {
       options.cipher = makeDemoCipher();
       ++arg;
@@ -63,7 +67,7 @@ bool parseDemoOptions(int argc, char** argv, bool allowBlocking, DemoOptions& op
   }
   if (argc - arg != 2) {
     std::cerr << "usage: " << argv[0] << (allowBlocking ? " [--blocking]" : "")
-              << " [--encrypted | --key HEX] READ_NODE WRITE_NODE\n";
+              << " [--waking] [--encrypted | --key HEX] READ_NODE WRITE_NODE\n";
     return false;
   }
   options.readNode = argv[arg];

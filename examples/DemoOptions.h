@@ -7,6 +7,7 @@
 #include <thrift/transport/TTransport.h>
 
 #include <thriftusb/cipher/Sm4Cipher.h>
+#include <thriftusb/util/WakeSignal.h>
 
 namespace thriftusb {
 namespace example {
@@ -32,13 +33,15 @@ std::shared_ptr<Sm4Cipher> makeDemoCipher(const std::string& keyHex = kDemoKeyHe
 /** The command line of a demo program. */
 struct DemoOptions {
   bool blocking = false;              ///< --blocking: the blocking TUSBSocket
+  /** --waking: every wait ends as soon as what it waits for has happened. */
+  apache::thrift::transport::WaitMode waitMode = apache::thrift::transport::WaitMode::Polling;
   std::shared_ptr<Sm4Cipher> cipher;  ///< --encrypted or --key HEX; null: plain
   std::string readNode;
   std::string writeNode;
 };
 
 /**
- * Reads "[--blocking] [--encrypted | --key HEX] READ_NODE WRITE_NODE" into
+ * Reads "[--blocking] [--waking] [--encrypted | --key HEX] READ_NODE WRITE_NODE" into
  * @p options; --blocking only when @p allowBlocking. On bad usage prints why and the
  * usage line to standard error.
  *

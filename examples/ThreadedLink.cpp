@@ -24,21 +24,28 @@ using apache::thrift::transport::TServerNonblockingUsbSocket;
 using apache::thrift::transport::TServerTransport;
 using apache::thrift::transport::TTransportFactory;
 using apache::thrift::transport::TUsbDevice;
+using apache::thrift::transport::WaitMode;
 
 ThreadedLink::ThreadedLink(const std::string& readPath, const std::string& writePath,
-                           bool nonblocking, std::shared_ptr<Sm4Cipher> cipher)
+                           bool nonblocking, std::shared_ptr<Sm4Cipher> cipher,
+                           WaitMode waitMode)
   : device(std::make_shared<TUsbDevice>(readPath, writePath, nonblocking,
                                         g_demo_constants.BLOCK_SIZE,
                                         g_demo_constants.BLOCK_SIZE)),
     socket(std::make_shared<TNonblockingUsbSocket>(device, kHostTimeoutMs, kHostTimeoutMs,
                                                    kHostRingBytes)),
     transport(withFrames<TNonblockingSecurityTransport>(socket, std::move(cipher))),
-    protocol(std::make_shared<TBinaryProtocol>(transport)) {}
+    protocol(std::make_shared<TBinaryProtocol>(transport)) {
+  socket->setWaitMode(waitMode);
+}
 
 std::shared_ptr<TServerTransport> makeGadgetServerTransport(const std::string& readPath,
-                                                            const std::string& writePath) {
-  return std::make_shared<TServerNonblockingUsbSocket>(
+                                                            const std::string& writePath,
+                                                            WaitMode waitMode) {
+  auto server = std::make_shared<TServerNonblockingUsbSocket>(
       readPath, writePath, false, g_demo_constants.BLOCK_SIZE, g_demo_constants.BLOCK_SIZE);
+  server->setWaitMode(waitMode); // passed on to every connection it hands out
+  return server;
 }
 
 std::shared_ptr<TSimpleServer> makeGadgetServer(

@@ -41,9 +41,12 @@ struct ThreadedLink {
    * @param nonblocking  drive the channel on the caller's thread instead of from a
    *                     reader and a writer thread (the nodes must support fsync)
    * @param cipher       encrypts every call when set; null: no framing
+   * @param waitMode     how the transport waits (the frames follow it)
    */
   ThreadedLink(const std::string& readPath, const std::string& writePath,
-               bool nonblocking = false, std::shared_ptr<Sm4Cipher> cipher = nullptr);
+               bool nonblocking = false, std::shared_ptr<Sm4Cipher> cipher = nullptr,
+               apache::thrift::transport::WaitMode waitMode =
+                   apache::thrift::transport::WaitMode::Polling);
 
   std::shared_ptr<apache::thrift::transport::TUsbDevice> device;
   std::shared_ptr<apache::thrift::transport::TNonblockingUsbSocket> socket;
@@ -57,7 +60,8 @@ struct ThreadedLink {
  * end, in blocking mode, with the service's BLOCK_SIZE as the block size.
  */
 std::shared_ptr<apache::thrift::transport::TServerTransport> makeGadgetServerTransport(
-    const std::string& readPath, const std::string& writePath);
+    const std::string& readPath, const std::string& writePath,
+    apache::thrift::transport::WaitMode waitMode = apache::thrift::transport::WaitMode::Polling);
 
 /**
  * A Thrift server answering the Gadget service with @p handler over @p serverTransport:

@@ -1,10 +1,11 @@
 // The device's side of the second example: serves the Gadget service over two USB
 // device nodes through the blocking TUSBSocket, until the host hangs up.
 //
-//   usb_blocking_server [--encrypted | --key HEX] READ_NODE WRITE_NODE
+//   usb_blocking_server [--waking] [--encrypted | --key HEX] READ_NODE WRITE_NODE
 //
 // READ_NODE carries the host's requests, WRITE_NODE the answers. Every call served is
-// printed as one line. --encrypted encrypts every call with the demo's published key,
+// printed as one line. --waking waits for the node with poll() instead of polling
+// it every millisecond. --encrypted encrypts every call with the demo's published key,
 // --key with a key of one's own (32 hex digits); the host must use the same. Exits 0
 // when the host has hung up (the read node reports end of data), 1 on any other
 // failure, 2 on bad usage.
@@ -34,7 +35,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   thriftusb::example::prefixThriftLog("server");
   try {
-    BlockingLink link(options.readNode, options.writeNode, options.cipher);
+    BlockingLink link(options.readNode, options.writeNode, options.cipher, options.waitMode);
     GadgetProcessor processor(std::make_shared<GadgetHandler>(std::cout));
     link.transport->open();
     std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode

@@ -1,11 +1,12 @@
 // The host's side of the demo: calls each method of the Gadget service once over two
 // USB device nodes and checks every answer.
 //
-//   usb_client [--blocking] [--encrypted | --key HEX] READ_NODE WRITE_NODE
+//   usb_client [--blocking] [--waking] [--encrypted | --key HEX] READ_NODE WRITE_NODE
 //
 // READ_NODE carries the gadget's answers, WRITE_NODE the requests. The client talks
 // through the threaded USB transport, or with --blocking through the blocking
-// TUSBSocket (for usb_blocking_server). --encrypted encrypts every call with the
+// TUSBSocket (for usb_blocking_server). --waking ends every wait as soon as what it
+// waits for has happened, instead of polling. --encrypted encrypts every call with the
 // demo's published key, --key with a key of one's own (32 hex digits), as the server
 // does. Prints each call with its answer; exits 0 when every answer is right, 1
 // otherwise, 2 on bad usage.
@@ -49,10 +50,11 @@ int main(int argc, char** argv) {
   try {
     bool allRight;
     if (options.blocking) {
-      BlockingLink link(options.readNode, options.writeNode, options.cipher);
+      BlockingLink link(options.readNode, options.writeNode, options.cipher, options.waitMode);
       allRight = callEveryMethod(link);
     } else {
-      ThreadedLink link(options.readNode, options.writeNode, false, options.cipher);
+      ThreadedLink link(options.readNode, options.writeNode, false, options.cipher,
+                        options.waitMode);
       allRight = callEveryMethod(link);
     }
     std::cout << "client: " << (allRight ? "all answers right" : "some answers WRONG")

@@ -1,10 +1,11 @@
 // The device's side of the demo: serves the Gadget service with a Thrift server over
 // two USB device nodes, one host after the other, on the threaded USB transport.
 //
-//   usb_server [--encrypted | --key HEX] READ_NODE WRITE_NODE
+//   usb_server [--waking] [--encrypted | --key HEX] READ_NODE WRITE_NODE
 //
 // READ_NODE carries the host's requests, WRITE_NODE the answers. Every call served is
-// printed as one line. --encrypted encrypts every call with the demo's published key,
+// printed as one line. --waking makes every wait of the connections end as soon as
+// what it waits for has happened, instead of polling. --encrypted encrypts every call with the demo's published key,
 // --key with a key of one's own (32 hex digits); the host must use the same. The
 // server runs until it receives SIGTERM. (SIGINT does not stop it: the threaded USB
 // transport takes SIGINT over for the whole process to stop its own threads.) Exits 0
@@ -43,7 +44,8 @@ int main(int argc, char** argv) {
     // serve() runs on the runner's thread; this one waits for SIGTERM, or for serve()
     // to end by itself, looking every 100 ms.
     thriftusb::testing::ServerRunner runner(thriftusb::example::makeGadgetServer(
-        thriftusb::example::makeGadgetServerTransport(options.readNode, options.writeNode),
+        thriftusb::example::makeGadgetServerTransport(options.readNode, options.writeNode,
+                                                      options.waitMode),
         std::make_shared<thriftusb::example::GadgetHandler>(std::cout), options.cipher));
     std::cout << "server: serving on " << options.readNode << " (in) and " << options.writeNode
               << " (out)" << (options.cipher ? ", encrypted" : "") << std::endl;

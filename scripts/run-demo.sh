@@ -2,13 +2,13 @@
 # Runs the example server and client against each other over a pair of FIFOs that
 # stand in for the two device nodes of a USB gadget.
 #
-#   run-demo.sh BINDIR [threaded|blocking] [--encrypted]
+#   run-demo.sh BINDIR [threaded|blocking] [--encrypted] [--waking]
 #
 # BINDIR holds the example programs. "threaded" (the default) runs usb_server and
 # usb_client: a Thrift server on the threaded USB transport, stopped with SIGTERM once
 # the client is done. "blocking" runs usb_blocking_server and usb_client --blocking on
 # the blocking TUSBSocket. --encrypted encrypts every call, with the demo's published
-# key (see examples/DemoOptions.h).
+# key (see examples/DemoOptions.h). --waking runs both programs in waking mode.
 #
 # Exits 0 when the client got every answer right and the server stopped cleanly after
 # the client hung up. Each program runs under a time limit (DEMO_TIMEOUT seconds,
@@ -18,11 +18,15 @@ set -euo pipefail
 bindir="${1:?usage: run-demo.sh BINDIR [threaded|blocking]}"
 stack="${2:-threaded}"
 cipher_options=()
-case "${3:-}" in
-  "") ;;
-  --encrypted) cipher_options=(--encrypted) ;;
-  *) echo "demo: unknown option $3 (--encrypted)" >&2; exit 2 ;;
-esac
+wait_options=()
+for option in "${@:3}"; do
+  case "$option" in
+    "") ;;
+    --encrypted) cipher_options=(--encrypted) ;;
+    --waking) wait_options=(--waking) ;;
+    *) echo "demo: unknown option $option (--encrypted, --waking)" >&2; exit 2 ;;
+  esac
+done
 limit="${DEMO_TIMEOUT:-20}"
 case "$stack" in
   threaded) server="$bindir/usb_server" client_options=() ;;
@@ -61,13 +65,14 @@ mkfifo -m 600 "$to_device" "$to_host"
 # server.
 exec 3<>"$to_device" 4<>"$to_host"
 
-echo "demo: $stack stack${cipher_options:+, encrypted with the demo key}, nodes in $dir"
-timeout -k 2 "$limit" "$server" "${cipher_options[@]}" \
+echo "demo: $stack stack${cipher_options:+, encrypted with the demo key}${wait_options:+, waking}, nodes in $dir"
+timeout -k 2 "$limit" "$server" "${wait_options[@]}" "${cipher_options[@]}" \
   "$to_device" "$to_host" 3>&- 4>&- &
 server_pid=$!
 
 client_status=0
-timeout -k 2 "$limit" "$client" "${client_options[@]}" "${cipher_options[@]}" "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
+timeout -k 2 "$limit" "$client" "${client_options[@]}" "${wait_options[@]}" "${cipher_options[@]}" \
+  "$to_host" "$to_device" 3>&- 4>&- || client_status=$?
 
 # The client has closed its nodes. The blocking server stops once this shell lets go
 # too: nothing can write to its read node any more and its read sees end of data. The
