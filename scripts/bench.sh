@@ -2,10 +2,12 @@
 # The transport benchmark in one command: installs what is missing (scripts/setup.sh),
 # builds the benchmark in Release mode into build/bench-release, runs it and writes
 #   docs/bench/results.json    every figure, Google Benchmark's JSON
-#   docs/bench/results.md      the figures as tables, with the machine and its load
+#   docs/bench/results.md      the figures as tables, polling and waking mode side by side,
+#                              the targets met, the machine and its load, and polling
+#                              mode against the figures the run replaced
 #   docs/bench/throughput.png  bulk throughput by stack
 #
-#   bash scripts/bench.sh                      the full run (about 5 minutes and the build)
+#   bash scripts/bench.sh                      the full run (about 7 minutes and the build)
 #   bash scripts/bench.sh --out=DIR ARGS...    results into DIR; ARGS go to the benchmark
 #                                              program (bash scripts/bench.sh --out=/tmp/b
 #                                              --quick for a run of a few seconds, or
@@ -53,10 +55,15 @@ out="$(cd "$out" && pwd)"
 rel() { case "$1" in "$root"/*) printf '%s\n' "${1#"$root"/}" ;; *) printf '%s\n' "$1" ;; esac; }
 command=("$(rel "$build")/bench/thriftusb_bench" "--benchmark_out=$(rel "$out")/results.json"
   --benchmark_out_format=json "${args[@]+"${args[@]}"}")
+# The figures already in the output directory: the report checks polling mode against them.
+previous="$(mktemp)"
+trap 'rm -f "$previous"' EXIT
+cp "$out/results.json" "$previous" 2>/dev/null || : >"$previous"
 run_start=$(date +%s)
 (cd "$root" && "${command[@]}")
 load_after="$(cat /proc/loadavg)"
 
 python3 "$root/scripts/bench-report.py" "$out/results.json" "$out" --command="${command[*]}" \
-  --seconds="$(( $(date +%s) - run_start ))" --load-after="$load_after"
+  --seconds="$(( $(date +%s) - run_start ))" --load-after="$load_after" \
+  --previous="$([ -s "$previous" ] && echo "$previous")"
 echo "bench.sh: done in $(( $(date +%s) - start )) s"
