@@ -41,11 +41,13 @@ std::shared_ptr<TNonblockingUsbSocket> threaded(const std::string& read, const s
   return socket;
 }
 
-// A stack on the host end of a cable, and how long it would wait per round trip if
-// nothing woke it.
+// A stack on the host end of a cable, how long it would wait per round trip if nothing
+// woke it, and how long the peer takes to answer: long enough that every answer must be
+// waited for, short against the step.
 struct Stack {
   const char* name;
   Clock::duration step;
+  Clock::duration replyDelay;
   std::function<std::shared_ptr<TTransport>(const VirtualCable::End&)> open;
   bool flush = true; // a FIFO cannot be synchronised: non-blocking mode does not flush
   size_t wireBytes = 1;
@@ -80,7 +82,9 @@ TEST_P(WakingRoundTrip, TakesFarLessThanAPollingStep) {
   constexpr int kTrips = 30;
   PeerThread echo([&] {
     for (int i = 0; i < kTrips; ++i) {
-      writeAll(peer.out.get(), readExactly(peer.in.get(), GetParam().wireBytes));
+      const std::string request = readExactly(peer.in.get(), GetParam().wireBytes);
+      std::this_thread::sleep_for(GetParam().replyDelay); // the device at work
+      writeAll(peer.out.get(), request);
     }
   });
   std::vector<Clock::duration> trips;
@@ -103,18 +107,18 @@ TEST_P(WakingRoundTrip, TakesFarLessThanAPollingStep) {
 INSTANTIATE_TEST_SUITE_P(
     Stacks, WakingRoundTrip,
     ::testing::Values(
-        Stack{"ThreadedBlocking", 10ms,
+        Stack{"ThreadedBlocking", 10ms, 2ms,
               [](const VirtualCable::End& e) { return threaded(e.readPath, e.writePath, false); }},
-        Stack{"ThreadedNonBlocking", 10ms,
+        Stack{"ThreadedNonBlocking", 10ms, 2ms,
               [](const VirtualCable::End& e) { return threaded(e.readPath, e.writePath, true); },
               false},
-        Stack{"PlainFramesOverThreaded", 10ms,
+        Stack{"PlainFramesOverThreaded", 10ms, 2ms,
               [](const VirtualCable::End& e) {
                 return std::make_shared<TNonblockingSecurityTransport>(
                     threaded(e.readPath, e.writePath, false), nullptr, false);
               },
               true, 5},
-        Stack{"UsbSocket", 1ms,
+        Stack{"UsbSocket", 1ms, 0ms,
               [](const VirtualCable::End& e) {
                 auto socket = std::make_shared<TUSBSocket>(e.readPath, e.writePath, 0, kBlock);
                 socket->setWaitMode(WaitMode::Waking);
@@ -160,7 +164,8 @@ TEST(WakingThreadedNonBlocking, ANodeAlwaysReadyWithNothingIsNotSpunOn) {
 
 // Accept goes on as soon as the connection it waits for closes: from each close to the
 // next open attempt (the callback) passes the 100 ms pause and hardly more, where
-// polling would add up to 100 ms each time. An interrupt ends a waiting accept at once.
+// polling would add up to 100 ms each time. An interrupt ends accept's pause between
+// two attempts on a missing node at once.
 TEST(WakingServer, AcceptFollowsEachCloseAndAnInterruptAtOnce) {
   PtyDevice pty;
   TServerNonblockingUsbSocket server(pty.path(), false, kBlock, kBlock);
@@ -169,24 +174,29 @@ TEST(WakingServer, AcceptFollowsEachCloseAndAnInterruptAtOnce) {
   server.setPreOpenCallback([&](std::vector<std::string>) { attempt = Clock::now(); });
   auto current = server.accept();
   Clock::duration total{};
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 7; ++i) {
     std::shared_ptr<TTransport> next;
     PeerThread acceptor([&] { next = server.accept(); });
     ASSERT_FALSE(acceptor.waitFor(50ms)) << "accept did not wait for the open connection";
-    if (i < 7) {
-      current->close();
-      const auto closed = Clock::now();
-      acceptor.join();
-      total += attempt - closed;
-      current = next;
-      continue;
-    }
-    const auto start = Clock::now();
-    server.interrupt();
-    EXPECT_TRUE(throwsTransport([&] { acceptor.join(); }, TTransportException::UNKNOWN,
-                                "Server usb socket is closed."));
-    EXPECT_LT(Clock::now() - start, 60ms);
+    current->close();
+    const auto closed = Clock::now();
+    acceptor.join();
+    total += attempt - closed;
+    current = next;
   }
   EXPECT_GE(total, 690ms);
   EXPECT_LT(total, 750ms);
+
+  TServerNonblockingUsbSocket missing(pty.path() + "-missing", false, kBlock, kBlock);
+  missing.setWaitMode(WaitMode::Waking);
+  Latch attempted;
+  missing.setPreOpenCallback([&](std::vector<std::string>) { attempted.set(); });
+  PeerThread acceptor([&] { missing.accept(); });
+  ASSERT_TRUE(attempted.waitFor(kPeerLimit));
+  std::this_thread::sleep_for(30ms); // well into the 100 ms pause after the failed attempt
+  const auto start = Clock::now();
+  missing.interrupt();
+  EXPECT_TRUE(throwsTransport([&] { acceptor.join(); }, TTransportException::UNKNOWN,
+                              "Server usb socket is closed."));
+  EXPECT_LT(Clock::now() - start, 50ms);
 }
