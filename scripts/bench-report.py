@@ -402,8 +402,8 @@ class Report:
             "Waking)`); the anchors wait in the kernel and run once",
             "- Encrypted stacks: SM4-CBC through Sm4Cipher, each end its own cipher object",
             "- Throughput: median of 5 runs of at least 0.4 s (range: slowest and fastest); "
-            "round trips: at least 4 s of calls per stack and mode; idle: %s s per stack and "
-            "mode" % fmt(float(c.get("idle_seconds", 0))),
+            "round trips: calls for at least 4 s per stack and mode, the pauses between them "
+            "included; idle: %s s per stack and mode" % fmt(float(c.get("idle_seconds", 0))),
         ]
         if command:
             self.out.append("- Command: `%s`%s" % (command, ", %s s" % seconds if seconds else ""))
