@@ -24,8 +24,8 @@ struct StackOptions {
   /** TUSBSocket's maxBlockSize and TUsbDevice's block sizes: most bytes per system call. */
   uint32_t blockBytes = 1 << 20;
   /**
-   * Each ring buffer of TNonblockingUsbSocket. Its stream moves about one ring per
-   * 10 ms step, so an application after throughput gives it 16 MiB, not the server
+   * Each ring buffer of TNonblockingUsbSocket. Polling, its stream moves about one ring
+   * per 10 ms step, so an application after throughput gives it 16 MiB, not the server
    * transport's 4 MiB.
    */
   int ringBytes = 16 << 20;
