@@ -63,7 +63,7 @@ MUTANTS = [
    "a notify just before the wait is lost"),
   ("src/thriftusb/util/WakeSignal.cpp", "  if (readyClaimed_.exchange(false)) {", "  if (false) {",
    "a descriptor that is always ready is spun on"),
-  (T+"TUSBSocket.cpp", "      readable.wait(readFd_, kNodeWaitStep);", "      ::usleep(kReadPollMicros);",
+  (T+"TUSBSocket.cpp", "      while (!readable.wait(readFd_, kNodeWaitStep)) {\n      }", "      ::usleep(kReadPollMicros);",
    "the waking read polls every millisecond"),
   (T+"TUSBSocket.cpp", "      writable.wait(writeFd_, kNodeWaitStep);", "",
    "a full node is retried in a spin"),

@@ -135,7 +135,9 @@ uint32_t TUSBSocket::read(uint8_t* buf, uint32_t len) {
       const int error = errno;
       failSystemCall("TUSBSocket::read() " + readPath_, "TUSBSocket::read()", error);
     } else if (waitMode_ == WaitMode::Waking) {
-      readable.wait(readFd_, kNodeWaitStep);
+      // A silent node costs one poll() per step, without a read that would find nothing.
+      while (!readable.wait(readFd_, kNodeWaitStep)) {
+      }
     } else {
       ::usleep(kReadPollMicros);
     }

@@ -26,14 +26,15 @@ void WakeSignal::waitFor(Ticket seen, std::chrono::microseconds limit) {
   waiters_.fetch_sub(1);
 }
 
-void DescriptorWait::wait(int fd, std::chrono::microseconds step) {
+bool DescriptorWait::wait(int fd, std::chrono::microseconds step) {
   if (readyClaimed_.exchange(false)) {
     ::usleep(static_cast<useconds_t>(step.count()));
-    return;
+    return true;
   }
   pollfd entry{fd, static_cast<short>(what_ == For::Reading ? POLLIN : POLLOUT), 0};
   const int timeoutMs = static_cast<int>((step.count() + 999) / 1000);
   readyClaimed_ = ::poll(&entry, 1, timeoutMs) > 0;
+  return readyClaimed_;
 }
 
 } // namespace transport

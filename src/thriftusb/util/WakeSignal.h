@@ -92,8 +92,10 @@ public:
    * Waits on @p fd for at most @p step.
    * @param fd    the descriptor; a closed one (-1) makes this a sleep of @p step
    * @param step  the longest the wait lasts, rounded up to whole milliseconds
+   * @return false when the step passed with the descriptor not ready, so that a
+   *         transfer now would find nothing; true otherwise
    */
-  void wait(int fd, std::chrono::microseconds step);
+  bool wait(int fd, std::chrono::microseconds step);
 
   /** Tells that a transfer moved bytes: the next wait trusts the descriptor again. */
   void progressed() { readyClaimed_ = false; }
