@@ -5,11 +5,11 @@
 //
 // READ_NODE carries the host's requests, WRITE_NODE the answers. Every call served is
 // printed as one line. --waking makes every wait of the connections end as soon as
-// what it waits for has happened, instead of polling. --encrypted encrypts every call with the demo's published key,
-// --key with a key of one's own (32 hex digits); the host must use the same. The
-// server runs until it receives SIGTERM. (SIGINT does not stop it: the threaded USB
-// transport takes SIGINT over for the whole process to stop its own threads.) Exits 0
-// after a clean stop, 1 on failure, 2 on bad usage.
+// what it waits for has happened, instead of polling. --encrypted encrypts every call
+// with the demo's published key, --key with a key of one's own (32 hex digits); the
+// host must use the same. The server runs until it receives SIGTERM. (SIGINT does not
+// stop it: the threaded USB transport takes SIGINT over for the whole process to stop
+// its own threads.) Exits 0 after a clean stop, 1 on failure, 2 on bad usage.
 
 #include <csignal>
 #include <ctime>

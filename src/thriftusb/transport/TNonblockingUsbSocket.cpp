@@ -409,7 +409,8 @@ void TNonblockingUsbSocket::writeLoop() {
     // the bytes in queue order; a stop drops the unwritten rest.
     size_t written = 0;
     while (written < taken && quit == 0) {
-      const int64_t put = device_->write(block.get() + written, static_cast<unsigned int>(taken - written));
+      const int64_t put =
+          device_->write(block.get() + written, static_cast<unsigned int>(taken - written));
       if (put < 0) {
         channelFailed = true;
         break;

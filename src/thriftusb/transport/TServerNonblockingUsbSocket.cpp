@@ -139,7 +139,8 @@ std::shared_ptr<TNonblockingUsbSocket> TServerNonblockingUsbSocket::makeChild() 
   return child;
 }
 
-void TServerNonblockingUsbSocket::waitForChild(const std::shared_ptr<TNonblockingUsbSocket>& child) {
+void TServerNonblockingUsbSocket::waitForChild(
+    const std::shared_ptr<TNonblockingUsbSocket>& child) {
   if (waitMode_ == WaitMode::Polling) {
     ::usleep(kPollMicros);
   } else {
