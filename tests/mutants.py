@@ -73,4 +73,6 @@ MUTANTS = [
    "an interrupt does not wake a waiting accept"),
   (T+"TServerNonblockingUsbSocket.cpp", "    child->waitClosed(kPollStep);", "    ::usleep(kPollMicros);",
    "accept polls for the closed connection"),
+  (T+"TServerNonblockingUsbSocket.cpp", "  child->setWaitMode(waitMode_);\n", "",
+   "connections handed out poll whatever the server's mode"),
 ]

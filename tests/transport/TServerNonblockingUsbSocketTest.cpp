@@ -21,6 +21,7 @@
 #include "support/SyscallSpy.h"
 #include "support/WaitModes.h"
 
+using apache::thrift::transport::TNonblockingUsbSocket;
 using apache::thrift::transport::TServerNonblockingUsbSocket;
 using apache::thrift::transport::TTransport;
 using apache::thrift::transport::TTransportException;
@@ -59,7 +60,9 @@ TEST_P(TServerNonblockingUsbSocketModes, AcceptWhileStoppedFailsAndListenRearmsI
     server.listen();
     EXPECT_TRUE(server.isOpen());
   }
-  EXPECT_TRUE(server.accept()->isOpen());
+  const auto connection = std::dynamic_pointer_cast<TNonblockingUsbSocket>(server.accept());
+  EXPECT_TRUE(connection->isOpen());
+  EXPECT_EQ(connection->getWaitMode(), GetParam()) << "the server's mode is the connection's";
   EXPECT_EQ(calls, std::vector<Paths>{{pty.path()}}); // none from the stopped accepts
 }
 
